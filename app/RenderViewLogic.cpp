@@ -1,0 +1,195 @@
+#include "app/RenderViewLogic.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <string>
+
+namespace brisvale {
+namespace {
+
+// The shell's own messages; the platform log carries them.
+constexpr std::string_view kFailedToLoadAudio = "Failed to load audio asset";
+constexpr std::string_view kFailedToStartAudio = "Failed to start audio playback";
+constexpr std::string_view kFrameFailed = "Frame failed: ";
+
+} // namespace
+
+bool showHasEnded(float timeSeconds, float renderEndSeconds) {
+    return renderEndSeconds > 0.0f && timeSeconds >= renderEndSeconds;
+}
+
+// ---------------------------------------------------------------------------------------------
+// [PUMP]
+
+void RenderViewLogic::scheduleDrawFrame() {
+    bool queueFrame = false;
+    {
+        std::lock_guard<std::recursive_mutex> guard(lock_);
+        if (!framePending_) {
+            framePending_ = true;
+            queueFrame = true;
+        }
+    }
+    if (queueFrame) {
+        // The task refers to the view by address: the display timer is stopped first in the
+        // teardown, and the event loop drops unrun tasks before the view goes.
+        postToMainThread([this] { drawFrame(); });
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// [FRAME]
+
+void RenderViewLogic::drawFrame() {
+    {
+        // First, so that a tick arriving while this frame draws queues the next one.
+        std::lock_guard<std::recursive_mutex> guard(lock_);
+        framePending_ = false;
+    }
+    if (!app_ || !hasRenderer() || drawFailed_) {
+        return;
+    }
+    updateDrawableSize();
+    FrameInfo frame = app_->tick();
+    frame.showDurationSeconds = showDurationSeconds_;
+    frame.renderEndSeconds = renderEndSeconds_;
+    try {
+        drawWithRenderer(frame);
+    } catch (const std::exception& e) {
+        // The renderer has given its in-flight slot back before raising. One report, then the
+        // show ends; later frame tasks find drawFailed_ and draw nothing.
+        drawFailed_ = true;
+        systemLog(std::string(kFrameFailed) + e.what());
+        terminateApplication();
+        return;
+    }
+    if (showHasEnded(frame.timeSeconds, renderEndSeconds_)) {
+        terminateApplication();
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// [SIZE]
+
+void RenderViewLogic::updateDrawableSize() {
+    DrawableGeometry geometry;
+    geometry.fullScreen = windowIsFullScreen();
+    geometry.windowScale = windowBackingScale();
+    geometry.mainScreenScale = mainScreenBackingScale();
+    const DrawableSize bounds = boundsInPoints();
+    geometry.boundsWidth = bounds.width;
+    geometry.boundsHeight = bounds.height;
+
+    const DrawableSize pixels = drawableSizeFor(geometry);
+    setLayerDrawableSize(pixels);
+    if (hasRenderer()) {
+        resizeRenderer(surfaceSizeFor(pixels));
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// [KEYS]
+
+void RenderViewLogic::keyDown(const KeyPress& key) {
+    switch (keyActionFor(key)) {
+    case KeyAction::Terminate:
+        terminateApplication();
+        break;
+    case KeyAction::ToggleFullScreen:
+        toggleWindowFullScreen();
+        break;
+    case KeyAction::PassOn:
+        passKeyOn(key);
+        break;
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// [CURSOR]
+
+void RenderViewLogic::hideCursorIfNeeded() {
+    if (cursorHidden_) {
+        return;
+    }
+    hideSystemCursor();
+    cursorHidden_ = true;
+}
+
+void RenderViewLogic::showCursorIfNeeded() {
+    if (!cursorHidden_) {
+        return;
+    }
+    showSystemCursor();
+    cursorHidden_ = false;
+}
+
+// ---------------------------------------------------------------------------------------------
+// [SHOW START]
+
+void RenderViewLogic::startRendering() {
+    if (renderingStarted_) {
+        return;
+    }
+    renderingStarted_ = true;
+    hideCursorIfNeeded();
+    app_ = std::make_unique<App>();  // show time 0
+    startMusic();
+    // Whatever happened to the music, the frames run.
+    startDisplayTimer();
+}
+
+void RenderViewLogic::startMusic() {
+    std::span<const std::byte> music;
+    try {
+        music = musicBytes();
+    } catch (const std::exception& e) {
+        // No music file, or one that does not inflate: the show runs silent with no end time.
+        systemLog(std::string(kFailedToLoadAudio) + ": " + e.what());
+        return;
+    }
+
+    // The library releases the block with free(), so it must come from the C heap.
+    void* block = std::malloc(music.size());
+    int result = -1;
+    if (block != nullptr) {
+        if (!music.empty()) {
+            std::memcpy(block, music.data(), music.size());
+        }
+        // From here the block belongs to the library, whatever the result.
+        result = loadSong(block, static_cast<std::int64_t>(music.size()));
+    }
+    if (result != 0) {
+        systemLog(kFailedToLoadAudio);
+        return;
+    }
+
+    audioLoaded_ = true;
+    showDurationSeconds_ = static_cast<float>(songDuration());
+    renderEndSeconds_ = renderEndSecondsForAudio(showDurationSeconds_);
+    if (!createPlayer() || startPlayer() != 0) {
+        // Silent, but the end time stays.
+        systemLog(kFailedToStartAudio);
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// [TEARDOWN]
+
+void RenderViewLogic::tearDown() {
+    showCursorIfNeeded();
+    if (hasDisplayTimer()) {
+        // After this no tick can reach the view.
+        stopAndReleaseDisplayTimer();
+    }
+    // A song must outlive its player.
+    if (hasPlayer()) {
+        destroyPlayer();
+    }
+    if (audioLoaded_) {
+        destroySong();  // releases the music block
+        audioLoaded_ = false;
+    }
+}
+
+} // namespace brisvale
