@@ -1,0 +1,208 @@
+// The demo archive reader: loading the container (header, directory), lookups, and inflating
+// gzip entries into the cache on first open.
+//
+// Sections: [messages] [reading] [inflation] [loading] [lookups]
+
+#include "content/DemoArchive.h"
+
+#include <zlib.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <new>
+#include <stdexcept>
+
+#include "content/ArchivePath.h"
+
+namespace brisvale {
+namespace {
+
+// [messages] -------------------------------------------------------------------------------
+constexpr const char* kOpenFailed = "Failed to open demo archive: ";
+constexpr const char* kSizeFailed = "Failed to read demo archive size: ";
+constexpr const char* kReadFailed = "Failed to read demo archive: ";
+constexpr const char* kInvalid = "Invalid demo archive: ";
+constexpr const char* kUnsupportedVersion = "Unsupported demo archive version";
+constexpr const char* kCorrupt = "Corrupt demo archive";
+constexpr const char* kCorruptDirectory = "Corrupt demo archive directory";
+constexpr const char* kMissingFile = "Missing file in demo archive: ";
+constexpr const char* kInflateInitFailed = "Failed to initialize demo archive decompressor";
+constexpr const char* kInflateFailed = "Failed to decompress demo archive entry";
+
+constexpr std::size_t kHeaderSize = 12;
+constexpr std::uint8_t kMagic[4] = {'B', 'D', 'A', 'T'};
+
+// [reading] --------------------------------------------------------------------------------
+// The cursor always lies within `bytes`, so `bytes.size() - cursor` is the remaining size and
+// no check below can wrap around.
+
+std::uint64_t readLittleEndian(std::span<const std::uint8_t> bytes, std::size_t& cursor,
+                               std::size_t width) {
+    if (bytes.size() - cursor < width) {
+        throw std::runtime_error(kCorrupt);
+    }
+    std::uint64_t value = 0;
+    for (std::size_t i = 0; i < width; ++i) {
+        value |= std::uint64_t{bytes[cursor + i]} << (8 * i);
+    }
+    cursor += width;
+    return value;
+}
+
+std::uint32_t readU32(std::span<const std::uint8_t> bytes, std::size_t& cursor) {
+    return static_cast<std::uint32_t>(readLittleEndian(bytes, cursor, 4));
+}
+
+std::uint64_t readU64(std::span<const std::uint8_t> bytes, std::size_t& cursor) {
+    return readLittleEndian(bytes, cursor, 8);
+}
+
+// [inflation] ------------------------------------------------------------------------------
+
+// Deflate cannot expand data by more than 1032:1 (a 258-byte match per two bits), and a gzip
+// stream adds at least 18 bytes of wrapper. An entry that claims more than that for its stored
+// size cannot be right, so it fails here instead of reserving an absurd buffer: a demo.dat is
+// untrusted input and must never bring the process down on a failed allocation.
+constexpr std::uint64_t kMaxDeflateRatio = 1032;
+constexpr std::uint64_t kInflateSlack = 4096;
+
+// Files of 4 GiB or more, stored or unpacked, are refused with the decompression error: zlib
+// counts in 32 bits and the content is inflated in one call. An `unpackedSize` of 0 opens as
+// an empty file when its stream is a valid gzip stream of empty content, like any other size
+// that matches; inflate gets a one-byte scratch output so that it never sees a null pointer.
+std::vector<std::uint8_t> inflateGzip(const std::uint8_t* source, std::uint64_t sourceSize,
+                                      std::uint64_t expectedSize) {
+    constexpr std::uint64_t kMaxCount = std::numeric_limits<uInt>::max();
+    if (sourceSize > kMaxCount || expectedSize > kMaxCount ||
+        expectedSize > sourceSize * kMaxDeflateRatio + kInflateSlack) {
+        throw std::runtime_error(kInflateFailed);
+    }
+    std::vector<std::uint8_t> output;
+    try {
+        output.resize(static_cast<std::size_t>(expectedSize));
+    } catch (const std::bad_alloc&) {
+        throw std::runtime_error(kInflateFailed);
+    }
+    std::uint8_t scratch = 0;
+
+    z_stream stream{};
+    stream.next_in = const_cast<Bytef*>(source); // zlib's API is not const-correct; never written
+    stream.avail_in = static_cast<uInt>(sourceSize);
+    stream.next_out = output.empty() ? &scratch : output.data();
+    stream.avail_out = static_cast<uInt>(expectedSize);
+    if (inflateInit2(&stream, 15 + 16) != Z_OK) {
+        throw std::runtime_error(kInflateInitFailed);
+    }
+    const int result = inflate(&stream, Z_FINISH);
+    inflateEnd(&stream);
+    if (result != Z_STREAM_END || stream.total_out != expectedSize) {
+        throw std::runtime_error(kInflateFailed);
+    }
+    return output;
+}
+
+} // namespace
+
+// [loading] --------------------------------------------------------------------------------
+
+std::shared_ptr<DemoArchive> DemoArchive::load(const std::string& filePath) {
+    // A directory opens for reading on Linux and then reports an absurd size; it is no file.
+    std::error_code ignored;
+    std::ifstream file(filePath, std::ios::binary);
+    if (!file.is_open() || std::filesystem::is_directory(filePath, ignored)) {
+        throw std::runtime_error(kOpenFailed + filePath);
+    }
+    file.seekg(0, std::ios::end);
+    const std::streamoff end = file.tellg();
+    if (end < 0) {
+        throw std::runtime_error(kSizeFailed + filePath);
+    }
+    file.seekg(0, std::ios::beg);
+
+    auto archive = std::make_shared<DemoArchive>();
+    try {
+        archive->bytes_.resize(static_cast<std::size_t>(end));
+    } catch (const std::exception&) { // bad_alloc, or length_error past max_size
+        throw std::runtime_error(kReadFailed + filePath);
+    }
+    if (!archive->bytes_.empty()) {
+        file.read(reinterpret_cast<char*>(archive->bytes_.data()), end);
+        if (!file) {
+            throw std::runtime_error(kReadFailed + filePath);
+        }
+    }
+
+    const std::span<const std::uint8_t> bytes = archive->bytes_;
+    if (bytes.size() < kHeaderSize || !std::equal(kMagic, kMagic + 4, bytes.begin())) {
+        throw std::runtime_error(kInvalid + filePath);
+    }
+    std::size_t cursor = 4;
+    const std::uint32_t version = readU32(bytes, cursor);
+    if (version != 1 && version != 2) {
+        throw std::runtime_error(kUnsupportedVersion);
+    }
+    const std::uint32_t entryCount = readU32(bytes, cursor);
+
+    // Every record takes at least 21 bytes, so a huge count runs off the end quickly.
+    for (std::uint32_t i = 0; i < entryCount; ++i) {
+        const std::uint32_t nameLength = readU32(bytes, cursor);
+        Entry entry;
+        entry.offset = readU64(bytes, cursor);
+        entry.storedSize = readU64(bytes, cursor);
+        if (version == 2) {
+            entry.unpackedSize = readU64(bytes, cursor);
+            entry.flags = readU32(bytes, cursor);
+        } else {
+            entry.unpackedSize = entry.storedSize;
+        }
+        if (nameLength == 0 || nameLength > bytes.size() - cursor ||
+            entry.offset > bytes.size() || entry.storedSize > bytes.size() - entry.offset) {
+            throw std::runtime_error(kCorruptDirectory);
+        }
+        const std::string_view name(reinterpret_cast<const char*>(bytes.data() + cursor),
+                                    nameLength);
+        cursor += nameLength;
+        archive->entries_.insert_or_assign(normalizeArchivePath(name), entry);
+    }
+    return archive;
+}
+
+// [lookups] --------------------------------------------------------------------------------
+
+bool DemoArchive::contains(std::string_view path) const {
+    return entries_.find(normalizeArchivePath(path)) != entries_.end();
+}
+
+ArchiveBytes DemoArchive::open(std::string_view path) const {
+    std::string key = normalizeArchivePath(path);
+    const auto found = entries_.find(key);
+    if (found == entries_.end()) {
+        throw std::runtime_error(kMissingFile + key);
+    }
+    const Entry& entry = found->second;
+    const std::uint8_t* stored = bytes_.data() + entry.offset;
+    if ((entry.flags & kGzipFlag) == 0) {
+        return ArchiveBytes(stored, static_cast<std::size_t>(entry.storedSize));
+    }
+    if (const auto cached = inflatedCache_.find(key); cached != inflatedCache_.end()) {
+        return cached->second;
+    }
+    // Inflate before inserting, so a failure leaves nothing behind and a later open retries.
+    std::vector<std::uint8_t> inflated = inflateGzip(stored, entry.storedSize, entry.unpackedSize);
+    const auto inserted = inflatedCache_.emplace(std::move(key), std::move(inflated)).first;
+    return inserted->second;
+}
+
+std::string DemoArchive::readText(std::string_view path) const {
+    const ArchiveBytes content = open(path);
+    return std::string(reinterpret_cast<const char*>(content.data()), content.size());
+}
+
+std::vector<std::uint8_t> DemoArchive::readCopy(std::string_view path) const {
+    const ArchiveBytes content = open(path);
+    return std::vector<std::uint8_t>(content.begin(), content.end());
+}
+
+} // namespace brisvale

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace brisvale {
+
+// A read-only view of one file's bytes inside a loaded archive (start pointer and length).
+// Valid for as long as the archive that handed it out lives.
+using ArchiveBytes = std::span<const std::uint8_t>;
+
+// The content container `demo.dat`, held whole in memory. Built only by `load`, shared by its
+// users as std::shared_ptr<const DemoArchive>, read-only afterwards except for the cache of
+// inflated files. No lock: calls on one archive must not overlap in time.
+class DemoArchive {
+public:
+    // One directory record after loading; all fields zero when default-constructed.
+    struct Entry {
+        std::uint64_t offset = 0;       // absolute offset of the stored bytes in the container
+        std::uint64_t storedSize = 0;   // bytes as stored
+        std::uint64_t unpackedSize = 0; // content size after inflation (version 1: storedSize)
+        std::uint32_t flags = 0;        // bit 0: the stored bytes are a gzip stream
+    };
+
+    // Flag bit 0 of a record: the stored bytes are a gzip stream.
+    static constexpr std::uint32_t kGzipFlag = 1u;
+
+    // An empty archive; `load` is the only way to a populated one.
+    DemoArchive() = default;
+    // Views point into this object, so it never moves or copies.
+    DemoArchive(const DemoArchive&) = delete;
+    DemoArchive& operator=(const DemoArchive&) = delete;
+
+    // Reads the container at `filePath` with one read and checks its header and directory.
+    // Compressed data is not examined until a file is opened.
+    static std::shared_ptr<DemoArchive> load(const std::string& filePath);
+
+    // Whether a file with the normalised form of `path` exists. Never inflates, never fails.
+    bool contains(std::string_view path) const;
+    // The file's content: a view into the container for a stored file; for a gzip file, the
+    // buffer it was inflated into on its first open (later opens return the same buffer).
+    ArchiveBytes open(std::string_view path) const;
+    // The content of open(path) as a new string, byte for byte (NULs included; no decoding).
+    std::string readText(std::string_view path) const;
+    // The content of open(path) as a new byte vector.
+    std::vector<std::uint8_t> readCopy(std::string_view path) const;
+
+private:
+    std::vector<std::uint8_t> bytes_;                   // the whole container file
+    std::map<std::string, Entry, std::less<>> entries_; // normalised path -> record
+    // Normalised path -> inflated content of a gzip file, filled by the const `open`.
+    // Callers hold views into these buffers for the archive's life, so each must stay at a
+    // fixed address: std::map never moves its nodes when others are inserted, and a buffer is
+    // never modified or erased once inserted, so its heap storage never moves either.
+    mutable std::map<std::string, std::vector<std::uint8_t>, std::less<>> inflatedCache_;
+};
+
+} // namespace brisvale

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "content/DemoArchive.h"
+
+namespace brisvale {
+
+// The shader source at `path` with every include line ('#include "name"', the name relative to
+// the including file) replaced by the expanded text of the file it names. Every line end of the
+// result is a single line feed. `includeStack` holds the canonical paths being expanded,
+// outermost first; pass it empty. On success it is as it was on entry.
+std::string loadMetalSourceWithIncludes(const DemoArchive& archive, std::string_view path,
+                                        std::vector<std::string>& includeStack);
+
+} // namespace brisvale
