@@ -1,0 +1,24 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace brisvale {
+
+// SPIR-V for the three entry functions of one show shader source.
+struct CompiledShaders {
+    std::vector<std::uint32_t> vertex, fragment, compute;
+    std::uint32_t computeLocalSizeX = 0;  // the compute function's declared local_size_x
+};
+
+// Compiles the include-expanded GLSL source (no #version line) once per stage for
+// Vulkan 1.3 / SPIR-V 1.5; docs/shader-interface.md describes what the source must hold.
+// Throws std::runtime_error with one line:
+//   "Failed to compile Metal shader source: <first errors>" when any stage fails to
+//   compile (checked for all stages before any missing function is reported), then
+//   "Missing scene_vertex shader", "Missing scene_fragment shader",
+//   "Missing scene_compute shader" in that order. Safe to call from any thread.
+CompiledShaders compileSceneShaders(const std::string& expandedSource);
+
+} // namespace brisvale

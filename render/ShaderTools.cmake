@@ -1,0 +1,15 @@
+# The renderer's CPU-side tools: GLSL to SPIR-V (glslang) and image files to texture
+# layers (stb). Included from render/CMakeLists.txt; the renderer links brisvale_render_tools.
+find_package(Threads REQUIRED)  # glslang's exported targets name Threads::Threads
+find_package(glslang CONFIG REQUIRED)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(STB REQUIRED IMPORTED_TARGET GLOBAL stb)
+
+add_library(brisvale_render_tools STATIC
+  ${CMAKE_CURRENT_LIST_DIR}/ShaderCompiler.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/ImageDecode.cpp
+)
+target_include_directories(brisvale_render_tools PUBLIC ${PROJECT_SOURCE_DIR})
+target_link_libraries(brisvale_render_tools
+  PRIVATE glslang::glslang glslang::SPIRV glslang::glslang-default-resource-limits PkgConfig::STB
+)

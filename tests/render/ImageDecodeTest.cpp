@@ -1,0 +1,262 @@
+// decodeImageToSquare on real encoded files made here with stb_image_write (PNG, BMP, TGA,
+// JPEG) and small hand-written GIF and PNM files: premultiplied colour, row order, filling
+// the square, and the two failure messages.
+#include <gtest/gtest.h>
+
+#include <stb/stb_image_write.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "render/ImageDecode.h"
+
+namespace brisvale {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+struct Rgba {
+    std::uint8_t r, g, b, a;
+};
+
+enum class Format { Png, Bmp, Tga, Jpeg };
+
+const char* nameOf(Format f) {
+    switch (f) {
+    case Format::Png: return "png";
+    case Format::Bmp: return "bmp";
+    case Format::Tga: return "tga";
+    case Format::Jpeg: return "jpeg";
+    }
+    return "?";
+}
+
+void appendBytes(void* context, void* data, int size) {
+    auto* out = static_cast<Bytes*>(context);
+    const auto* p = static_cast<const std::uint8_t*>(data);
+    out->insert(out->end(), p, p + size);
+}
+
+// Encodes straight-alpha RGBA pixels (top row first) as a file of the given format.
+Bytes encode(Format format, int width, int height, const std::vector<Rgba>& pixels) {
+    Bytes out;
+    int ok = 0;
+    switch (format) {
+    case Format::Png:
+        ok = stbi_write_png_to_func(appendBytes, &out, width, height, 4, pixels.data(), width * 4);
+        break;
+    case Format::Bmp: ok = stbi_write_bmp_to_func(appendBytes, &out, width, height, 4, pixels.data()); break;
+    case Format::Tga: ok = stbi_write_tga_to_func(appendBytes, &out, width, height, 4, pixels.data()); break;
+    case Format::Jpeg:
+        ok = stbi_write_jpg_to_func(appendBytes, &out, width, height, 4, pixels.data(), 100);
+        break;
+    }
+    if (!ok || out.empty()) throw std::runtime_error("test image encoding failed");
+    return out;
+}
+
+Bytes solid(Format format, int width, int height, Rgba colour) {
+    return encode(format, width, height, std::vector<Rgba>(static_cast<std::size_t>(width) * height, colour));
+}
+
+Rgba at(const Bytes& square, std::uint32_t edge, std::uint32_t x, std::uint32_t y) {
+    const std::size_t i = (static_cast<std::size_t>(y) * edge + x) * 4;
+    return {square[i], square[i + 1], square[i + 2], square[i + 3]};
+}
+
+Bytes decode(const Bytes& file, std::uint32_t edge, const std::string& path = "images/test") {
+    return decodeImageToSquare(file.data(), file.size(), edge, path);
+}
+
+std::string errorOf(const Bytes& file, const std::string& path) {
+    try {
+        decode(file, 16, path);
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+    return "(no error)";
+}
+
+// --- Colour and alpha -----------------------------------------------------------------
+
+TEST(ImageDecode, HalfTransparentRedIsStoredPremultiplied) {
+    for (Format format : {Format::Png, Format::Bmp, Format::Tga}) {
+        SCOPED_TRACE(nameOf(format));
+        const Bytes square = decode(solid(format, 3, 2, {255, 0, 0, 128}), 32);
+        ASSERT_EQ(square.size(), 32u * 32u * 4u);
+        for (std::uint32_t y : {0u, 15u, 31u}) {
+            for (std::uint32_t x : {0u, 16u, 31u}) {
+                const Rgba p = at(square, 32, x, y);
+                EXPECT_NEAR(p.r, 128, 1);
+                EXPECT_EQ(p.g, 0);
+                EXPECT_EQ(p.b, 0);
+                EXPECT_EQ(p.a, 128);
+            }
+        }
+    }
+}
+
+TEST(ImageDecode, OpaqueJpegKeepsItsColourAndFullAlpha) {
+    const Bytes square = decode(solid(Format::Jpeg, 16, 16, {255, 0, 0, 255}), 8);
+    for (std::uint32_t i = 0; i < 8 * 8; ++i) {
+        const Rgba p = at(square, 8, i % 8, i / 8);
+        EXPECT_GE(p.r, 245);
+        EXPECT_LE(p.g, 10);
+        EXPECT_LE(p.b, 10);
+        EXPECT_EQ(p.a, 255);
+    }
+}
+
+TEST(ImageDecode, TransparentPixelsBleedNoColourIntoTheirNeighbours) {
+    // The right half is fully transparent but holds pure green in its colour channels.
+    std::vector<Rgba> pixels;
+    for (int y = 0; y < 4; ++y)
+        for (int x = 0; x < 4; ++x)
+            pixels.push_back(x < 2 ? Rgba{255, 0, 0, 255} : Rgba{0, 255, 0, 0});
+    const Bytes square = decode(encode(Format::Png, 4, 4, pixels), 64);
+    bool sawEdge = false;
+    for (std::uint32_t x = 0; x < 64; ++x) {
+        const Rgba p = at(square, 64, x, 32);
+        EXPECT_EQ(p.g, 0) << "x " << x;
+        EXPECT_EQ(p.r, p.a) << "x " << x;  // pure red, premultiplied: red equals alpha
+        if (p.a > 0 && p.a < 255) sawEdge = true;
+    }
+    EXPECT_TRUE(sawEdge) << "scaling should blend across the boundary";
+    EXPECT_EQ(at(square, 64, 0, 0).a, 255);
+    EXPECT_EQ(at(square, 64, 63, 63).a, 0);
+}
+
+TEST(ImageDecode, ColourNeverExceedsAlphaAfterScaling) {
+    // A noisy image with sharp alpha steps, scaled both down and up.
+    std::vector<Rgba> pixels;
+    std::uint32_t state = 12345;
+    auto next = [&state] {
+        state = state * 1664525u + 1013904223u;
+        return static_cast<std::uint8_t>(state >> 24);
+    };
+    for (int i = 0; i < 40 * 24; ++i) pixels.push_back({next(), next(), next(), static_cast<std::uint8_t>(next() & 0xC0)});
+    const Bytes file = encode(Format::Png, 40, 24, pixels);
+    for (std::uint32_t edge : {16u, 100u}) {
+        const Bytes square = decode(file, edge);
+        for (std::size_t i = 0; i < square.size(); i += 4) {
+            ASSERT_LE(square[i], square[i + 3]) << "pixel " << i / 4;
+            ASSERT_LE(square[i + 1], square[i + 3]) << "pixel " << i / 4;
+            ASSERT_LE(square[i + 2], square[i + 3]) << "pixel " << i / 4;
+        }
+    }
+}
+
+// --- Geometry -------------------------------------------------------------------------
+
+TEST(ImageDecode, TheFileTopRowIsRowZero) {
+    std::vector<Rgba> pixels;
+    for (int y = 0; y < 4; ++y)
+        for (int x = 0; x < 4; ++x)
+            pixels.push_back(y == 0 ? Rgba{255, 255, 255, 255} : Rgba{0, 0, 255, 255});
+    // BMP and TGA store rows bottom-up in the file; the decoder must still put the top first.
+    for (Format format : {Format::Png, Format::Bmp, Format::Tga}) {
+        SCOPED_TRACE(nameOf(format));
+        const Bytes square = decode(encode(format, 4, 4, pixels), 16);
+        const Rgba top = at(square, 16, 8, 0);
+        const Rgba bottom = at(square, 16, 8, 15);
+        EXPECT_EQ(top.r, 255);
+        EXPECT_EQ(top.g, 255);
+        EXPECT_EQ(bottom.r, 0);
+        EXPECT_EQ(bottom.b, 255);
+    }
+}
+
+TEST(ImageDecode, WideImageFillsTheWholeSquare) {
+    // Red runs with x and green with y, so every output pixel says where it was taken from.
+    constexpr int kWidth = 2048, kHeight = 512;
+    constexpr std::uint32_t kEdge = 1024;
+    std::vector<Rgba> pixels;
+    pixels.reserve(static_cast<std::size_t>(kWidth) * kHeight);
+    for (int y = 0; y < kHeight; ++y)
+        for (int x = 0; x < kWidth; ++x)
+            pixels.push_back({static_cast<std::uint8_t>(x * 255 / (kWidth - 1)),
+                              static_cast<std::uint8_t>(y * 255 / (kHeight - 1)), 64, 255});
+    const Bytes square = decode(encode(Format::Png, kWidth, kHeight, pixels), kEdge);
+    ASSERT_EQ(square.size(), std::size_t{kEdge} * kEdge * 4);
+
+    const std::uint32_t last = kEdge - 1, mid = kEdge / 2;
+    const struct {
+        std::uint32_t x, y;
+    } probes[] = {{0, 0}, {last, 0}, {0, last}, {last, last}, {mid, 0}, {mid, last}, {0, mid}, {last, mid}, {mid, mid}};
+    for (const auto& probe : probes) {
+        const Rgba p = at(square, kEdge, probe.x, probe.y);
+        const int expectRed = static_cast<int>(probe.x * 255 / last);
+        const int expectGreen = static_cast<int>(probe.y * 255 / last);
+        EXPECT_NEAR(p.r, expectRed, 3) << probe.x << "," << probe.y;
+        EXPECT_NEAR(p.g, expectGreen, 3) << probe.x << "," << probe.y;
+        EXPECT_EQ(p.b, 64);
+        EXPECT_EQ(p.a, 255);
+    }
+}
+
+TEST(ImageDecode, OnePixelImageFillsTheSquareWithItsColour) {
+    const Bytes square = decode(solid(Format::Png, 1, 1, {10, 200, 30, 255}), 64);
+    for (std::uint32_t i = 0; i < 64 * 64; ++i) {
+        const Rgba p = at(square, 64, i % 64, i / 64);
+        ASSERT_EQ(p.r, 10);
+        ASSERT_EQ(p.g, 200);
+        ASSERT_EQ(p.b, 30);
+        ASSERT_EQ(p.a, 255);
+    }
+}
+
+TEST(ImageDecode, OutputIsEdgeSquaredTimesFour) {
+    const Bytes file = solid(Format::Tga, 5, 7, {1, 2, 3, 255});
+    EXPECT_EQ(decode(file, 1).size(), 4u);
+    EXPECT_EQ(decode(file, 3).size(), 36u);
+    EXPECT_EQ(decode(file, 1024).size(), 4194304u);
+}
+
+// --- Other formats, recognised from their content --------------------------------------
+
+TEST(ImageDecode, HandWrittenPnmAndGifAreRecognised) {
+    const std::string pnm = "P6\n2 1\n255\n";
+    Bytes ppm(pnm.begin(), pnm.end());
+    for (std::uint8_t b : {0, 0, 255, 0, 0, 255}) ppm.push_back(b);  // two blue pixels
+    const Rgba fromPnm = at(decode(ppm, 4), 4, 1, 1);
+    EXPECT_EQ(fromPnm.b, 255);
+    EXPECT_EQ(fromPnm.r, 0);
+    EXPECT_EQ(fromPnm.a, 255);
+
+    // A 1x1 GIF89a whose only pixel is palette entry 0, pure red.
+    const Bytes gif = {'G', 'I', 'F', '8', '9', 'a', 1, 0, 1, 0, 0x80, 0, 0,
+                       0xFF, 0, 0, 0, 0, 0,                      // palette: red, black
+                       0x2C, 0, 0, 0, 0, 1, 0, 1, 0, 0,          // image descriptor
+                       2, 2, 0x44, 0x01, 0,                      // LZW data
+                       0x3B};
+    const Rgba fromGif = at(decode(gif, 4), 4, 2, 2);
+    EXPECT_EQ(fromGif.r, 255);
+    EXPECT_EQ(fromGif.g, 0);
+    EXPECT_EQ(fromGif.a, 255);
+}
+
+// --- Failures -------------------------------------------------------------------------
+
+TEST(ImageDecode, TextIsNotAnImage) {
+    const std::string text = "This file lists the images of the show, not an image.\n";
+    EXPECT_EQ(errorOf(Bytes(text.begin(), text.end()), "images/readme.txt"),
+              "Failed to load image: images/readme.txt");
+    EXPECT_EQ(errorOf(Bytes{}, "images/empty.png"), "Failed to load image: images/empty.png");
+}
+
+TEST(ImageDecode, KnownFormatWithoutPixelsFailsToDecode) {
+    // Signature and header survive, the pixel data does not.
+    Bytes png = solid(Format::Png, 8, 8, {1, 2, 3, 255});
+    png.resize(33);  // 8-byte signature + the 25-byte IHDR chunk
+    EXPECT_EQ(errorOf(png, "images/cut.png"), "Failed to decode image: images/cut.png");
+}
+
+TEST(ImageDecode, EdgeZeroGivesNoPixels) {
+    EXPECT_TRUE(decode(solid(Format::Png, 2, 2, {1, 2, 3, 255}), 0).empty());
+}
+
+} // namespace
+} // namespace brisvale

@@ -1,0 +1,310 @@
+// compileSceneShaders: SPIR-V for all three stages, one-line compile errors, the order of
+// the missing-function messages, and SPIR-V that the Khronos validator accepts for Vulkan 1.3.
+#include <gtest/gtest.h>
+
+#include <spirv-tools/libspirv.hpp>
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "render/ShaderCompiler.h"
+
+namespace brisvale {
+namespace {
+
+constexpr std::uint32_t kSpirvMagic = 0x07230203;
+
+// A complete source in the shape a show uses: shared declarations, then each entry function
+// under its stage macro. Pieces can be left out to make the missing-function cases.
+struct SourceParts {
+    bool vertex = true;
+    bool fragment = true;
+    bool compute = true;
+    int localSizeX = 64;
+};
+
+std::string shaderSource(const SourceParts& parts) {
+    std::string s = R"(
+layout(push_constant, std430) uniform Frame {
+    vec2 resolution; float timeSeconds; float deltaSeconds;
+    float showDurationSeconds; float renderEndSeconds; uint vertexCapacity; uint imageCount;
+    uint passIndex; uint passReserved0; uint passReserved1; uint passReserved2;
+} frame;
+layout(std430, set = 0, binding = 0) buffer VertexPool { float words[]; } pool;
+layout(std430, set = 0, binding = 1) buffer Indirect { uint vertexCount; uint instanceCount; uint firstVertex; uint firstInstance; } indirect;
+layout(std430, set = 0, binding = 2) buffer Request { uint word0; uint requestedVertexCount; uint overflowFlag; uint word3; } request;
+layout(set = 0, binding = 3) uniform sampler2DArray images;
+layout(set = 0, binding = 4) uniform sampler2D sceneDepth;
+
+float pulse(float t) { return 0.5 + 0.5 * sin(t); }
+)";
+    if (parts.vertex) s += R"(
+#ifdef BRISVALE_VERTEX
+layout(location = 0) out vec2 uv;
+void scene_vertex() {
+    vec2 corner = vec2(float(gl_VertexIndex & 1), float(gl_VertexIndex >> 1));
+    if (frame.passIndex == 0u) {
+        uint base = uint(gl_VertexIndex) * 7u;
+        gl_Position = vec4(pool.words[base], pool.words[base + 1u], pool.words[base + 2u], 1.0);
+    } else {
+        gl_Position = vec4(corner * 2.0 - 1.0, 0.0, 1.0);
+    }
+    uv = vec2(corner.x, 1.0 - corner.y);
+}
+#endif
+)";
+    if (parts.fragment) s += R"(
+#ifdef BRISVALE_FRAGMENT
+layout(location = 0) in vec2 uv;
+layout(location = 0) out vec4 color;
+void scene_fragment() {
+    vec4 image = texture(images, vec3(uv, 0.0));
+    float depth = texture(sceneDepth, uv).r;
+    color = vec4(image.rgb * pulse(frame.timeSeconds), depth);
+}
+#endif
+)";
+    if (parts.compute) {
+        s += "\n#ifdef BRISVALE_COMPUTE\nlayout(local_size_x = " + std::to_string(parts.localSizeX) +
+             ") in;\n";
+        s += R"(
+void scene_compute() {
+    uint i = gl_GlobalInvocationID.x;
+    if (i >= frame.vertexCapacity) return;
+    pool.words[i * 7u] = pulse(frame.timeSeconds);
+    if (i == 0u) {
+        indirect.vertexCount = 3u; indirect.instanceCount = 1u;
+        indirect.firstVertex = 0u; indirect.firstInstance = 0u;
+        request.requestedVertexCount = 3u; request.overflowFlag = 0u;
+    }
+}
+#endif
+)";
+    }
+    return s;
+}
+
+std::string errorOf(const std::string& source) {
+    try {
+        compileSceneShaders(source);
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+    return "(no error)";
+}
+
+// Validates with the same rules a Vulkan 1.3 driver's loader-side validation would apply.
+std::string spirvValidationErrors(const std::vector<std::uint32_t>& words) {
+    spvtools::SpirvTools tools(SPV_ENV_VULKAN_1_3);
+    std::string errors;
+    tools.SetMessageConsumer([&errors](spv_message_level_t, const char*, const spv_position_t&,
+                                       const char* message) {
+        errors += message;
+        errors += '\n';
+    });
+    spvtools::ValidatorOptions options;
+    options.SetScalarBlockLayout(false);
+    if (!tools.Validate(words.data(), words.size(), options) && errors.empty())
+        errors = "invalid (no message)";
+    return errors;
+}
+
+// --- A good source --------------------------------------------------------------------
+
+TEST(ShaderCompiler, GoodSourceGivesSpirvForEveryStageAndTheLocalSize) {
+    const CompiledShaders shaders = compileSceneShaders(shaderSource({}));
+    for (const auto* stage : {&shaders.vertex, &shaders.fragment, &shaders.compute}) {
+        ASSERT_GT(stage->size(), 5u);
+        EXPECT_EQ((*stage)[0], kSpirvMagic);
+        EXPECT_EQ((*stage)[1], 0x00010500u) << "SPIR-V 1.5";
+    }
+    EXPECT_EQ(shaders.computeLocalSizeX, 64u);
+}
+
+TEST(ShaderCompiler, LocalSizeFollowsTheDeclaration) {
+    SourceParts parts;
+    parts.localSizeX = 32;
+    EXPECT_EQ(compileSceneShaders(shaderSource(parts)).computeLocalSizeX, 32u);
+    parts.localSizeX = 256;
+    EXPECT_EQ(compileSceneShaders(shaderSource(parts)).computeLocalSizeX, 256u);
+}
+
+TEST(ShaderCompiler, EveryStageValidatesForVulkan13) {
+    const CompiledShaders shaders = compileSceneShaders(shaderSource({}));
+    EXPECT_EQ(spirvValidationErrors(shaders.vertex), "");
+    EXPECT_EQ(spirvValidationErrors(shaders.fragment), "");
+    EXPECT_EQ(spirvValidationErrors(shaders.compute), "");
+}
+
+TEST(ShaderCompiler, EachStageHasItsOwnEntryPoint) {
+    // The three modules differ: each carries its own stage's code as main.
+    const CompiledShaders shaders = compileSceneShaders(shaderSource({}));
+    EXPECT_NE(shaders.vertex, shaders.fragment);
+    EXPECT_NE(shaders.vertex, shaders.compute);
+    EXPECT_NE(shaders.fragment, shaders.compute);
+    spvtools::SpirvTools tools(SPV_ENV_VULKAN_1_3);
+    std::string vertexText, computeText;
+    ASSERT_TRUE(tools.Disassemble(shaders.vertex, &vertexText));
+    ASSERT_TRUE(tools.Disassemble(shaders.compute, &computeText));
+    EXPECT_NE(vertexText.find("OpEntryPoint Vertex"), std::string::npos);
+    EXPECT_NE(computeText.find("OpEntryPoint GLCompute"), std::string::npos);
+    EXPECT_NE(computeText.find("LocalSize 64 1 1"), std::string::npos);
+}
+
+TEST(ShaderCompiler, StageOnlyDeclarationsCompileUnderTheirMacros) {
+    // gl_VertexIndex, fragment outputs and a local size each exist in one stage only; the
+    // same source would fail in the other stages without the macros.
+    const std::string source = R"(
+#if defined(BRISVALE_VERTEX)
+void scene_vertex() { gl_Position = vec4(float(gl_VertexIndex), 0.0, 0.0, 1.0); }
+#elif defined(BRISVALE_FRAGMENT)
+layout(location = 0) out vec4 color;
+void scene_fragment() { color = vec4(gl_FragCoord.xy, 0.0, 1.0); }
+#elif defined(BRISVALE_COMPUTE)
+layout(local_size_x = 8) in;
+void scene_compute() { barrier(); }
+#endif
+)";
+    const CompiledShaders shaders = compileSceneShaders(source);
+    EXPECT_EQ(shaders.computeLocalSizeX, 8u);
+    EXPECT_EQ(spirvValidationErrors(shaders.fragment), "");
+
+    const std::string unguarded = "void scene_vertex() { gl_Position = vec4(gl_VertexIndex); }\n"
+                                  "void scene_fragment() {}\n"
+                                  "layout(local_size_x = 8) in; void scene_compute() {}\n";
+    EXPECT_TRUE(errorOf(unguarded).starts_with("Failed to compile Metal shader source: "));
+}
+
+TEST(ShaderCompiler, CompilesFromSeveralThreadsAtOnce) {
+    const std::string source = shaderSource({});
+    std::vector<std::uint32_t> results[4];
+    std::vector<std::thread> threads;
+    for (auto& result : results)
+        threads.emplace_back([&source, &result] { result = compileSceneShaders(source).compute; });
+    for (auto& t : threads) t.join();
+    for (const auto& result : results) EXPECT_EQ(result, results[0]);
+}
+
+// --- Compile errors ---------------------------------------------------------------------
+
+TEST(ShaderCompiler, SyntaxErrorGivesOneLineWithTheFirstError) {
+    std::string source = shaderSource({});
+    source += "\nvoid broken() { float x = ; }\n";
+    const std::string message = errorOf(source);
+    const std::string prefix = "Failed to compile Metal shader source: ";
+    ASSERT_TRUE(message.starts_with(prefix)) << message;
+    EXPECT_EQ(message.find('\n'), std::string::npos) << message;
+    EXPECT_EQ(message.find("ERROR:"), std::string::npos) << message;
+    EXPECT_NE(message.find("syntax error"), std::string::npos) << message;
+    // Line numbers count from the show's own first line, not the preamble.
+    const int brokenLine = static_cast<int>(std::count(source.begin(), source.end(), '\n'));
+    EXPECT_NE(message.find("0:" + std::to_string(brokenLine) + ":"), std::string::npos) << message;
+    // The summary lines are dropped.
+    EXPECT_EQ(message.find("compilation terminated"), std::string::npos) << message;
+    EXPECT_EQ(message.find("No code generated"), std::string::npos) << message;
+}
+
+TEST(ShaderCompiler, UndeclaredIdentifierNamesIt) {
+    std::string source = shaderSource({});
+    source += "\nfloat g() { return notDeclaredAnywhere; }\n";
+    const std::string message = errorOf(source);
+    EXPECT_TRUE(message.starts_with("Failed to compile Metal shader source: vertex stage: "))
+        << message;
+    EXPECT_NE(message.find("'notDeclaredAnywhere' : undeclared identifier"), std::string::npos)
+        << message;
+}
+
+TEST(ShaderCompiler, ErrorInOneStageNamesThatStage) {
+    std::string source = shaderSource({});
+    source += "\n#ifdef BRISVALE_COMPUTE\nvoid onlyCompute() { undefinedCall(); }\n#endif\n";
+    const std::string message = errorOf(source);
+    EXPECT_TRUE(message.starts_with("Failed to compile Metal shader source: compute stage: "))
+        << message;
+    EXPECT_NE(message.find("undefinedCall"), std::string::npos) << message;
+}
+
+TEST(ShaderCompiler, AVersionLineInTheSourceIsAnError) {
+    const std::string message = errorOf("#version 450\n" + shaderSource({}));
+    EXPECT_TRUE(message.starts_with("Failed to compile Metal shader source: ")) << message;
+}
+
+TEST(ShaderCompiler, CompileErrorComesBeforeMissingFunctions) {
+    // Vertex and fragment functions are missing, but compute does not compile: the compile
+    // failure is reported, whatever stage it is in.
+    SourceParts parts;
+    parts.vertex = false;
+    parts.fragment = false;
+    std::string source = shaderSource(parts);
+    source += "\n#ifdef BRISVALE_COMPUTE\nvoid extra() { int x = 1.5 * ; }\n#endif\n";
+    const std::string message = errorOf(source);
+    EXPECT_TRUE(message.starts_with("Failed to compile Metal shader source: compute stage: "))
+        << message;
+}
+
+// --- Missing functions ------------------------------------------------------------------
+
+TEST(ShaderCompiler, MissingFunctionsAreReportedVertexThenFragmentThenCompute) {
+    struct Case {
+        bool vertex, fragment, compute;
+        const char* message;
+    };
+    const Case cases[] = {
+        {false, true, true, "Missing scene_vertex shader"},
+        {true, false, true, "Missing scene_fragment shader"},
+        {true, true, false, "Missing scene_compute shader"},
+        {false, false, false, "Missing scene_vertex shader"},
+        {false, true, false, "Missing scene_vertex shader"},
+        {true, false, false, "Missing scene_fragment shader"},
+        {false, false, true, "Missing scene_vertex shader"},
+    };
+    for (const Case& c : cases) {
+        SourceParts parts;
+        parts.vertex = c.vertex;
+        parts.fragment = c.fragment;
+        parts.compute = c.compute;
+        EXPECT_EQ(errorOf(shaderSource(parts)), c.message)
+            << "vertex " << c.vertex << " fragment " << c.fragment << " compute " << c.compute;
+    }
+}
+
+TEST(ShaderCompiler, EmptySourceMissesTheVertexFunction) {
+    EXPECT_EQ(errorOf(""), "Missing scene_vertex shader");
+}
+
+TEST(ShaderCompiler, AFunctionOfAnotherNameDoesNotCount) {
+    const std::string source = R"(
+#ifdef BRISVALE_VERTEX
+void scene_vertex() { gl_Position = vec4(0.0); }
+#endif
+#ifdef BRISVALE_FRAGMENT
+void scene_fragment_main() {}
+#endif
+#ifdef BRISVALE_COMPUTE
+layout(local_size_x = 1) in;
+void scene_compute() {}
+#endif
+)";
+    EXPECT_EQ(errorOf(source), "Missing scene_fragment shader");
+}
+
+// --- The example shipped for show authors -------------------------------------------------
+
+TEST(ShaderCompiler, ExampleShaderFileCompilesAndValidates) {
+    std::ifstream in(std::string(BRISVALE_TEST_SHADER_DIR) + "/example.glsl");
+    ASSERT_TRUE(in) << "tests/render/shaders/example.glsl";
+    std::stringstream text;
+    text << in.rdbuf();
+    const CompiledShaders shaders = compileSceneShaders(text.str());
+    EXPECT_GT(shaders.computeLocalSizeX, 0u);
+    EXPECT_EQ(spirvValidationErrors(shaders.vertex), "");
+    EXPECT_EQ(spirvValidationErrors(shaders.fragment), "");
+    EXPECT_EQ(spirvValidationErrors(shaders.compute), "");
+}
+
+} // namespace
+} // namespace brisvale
