@@ -17,7 +17,7 @@ layout(std430, set = 0, binding = 1) buffer DrawArguments {
     uint vertexCount; uint instanceCount; uint firstVertex; uint firstInstance;
 } drawArguments;
 layout(std430, set = 0, binding = 2) buffer GeometryRequest {
-    uint frameCounter; uint requestedVertexCount; uint overflowFlag; uint unused;
+    uint ownWord0; uint requestedVertexCount; uint overflowFlag; uint ownWord3;
 } request;
 layout(set = 0, binding = 3) uniform sampler2DArray images;
 layout(set = 0, binding = 4) uniform sampler2D sceneDepth;
@@ -37,7 +37,6 @@ void scene_compute() {
         drawArguments.instanceCount = 1u;
         drawArguments.firstVertex = 0u;
         drawArguments.firstInstance = 0u;
-        request.frameCounter += 1u;
         request.requestedVertexCount = wanted;
         request.overflowFlag = wanted > frame.vertexCapacity ? 1u : 0u;
     }
