@@ -13,3 +13,11 @@ brisvale_test(test_image_decode
   SOURCES ${CMAKE_CURRENT_LIST_DIR}/ImageDecodeTest.cpp
   LIBS brisvale_render_tools PkgConfig::STB
   LABELS unit)
+
+brisvale_test(test_shader_interface
+  SOURCES ${CMAKE_CURRENT_LIST_DIR}/ShaderInterfaceTest.cpp
+  LIBS brisvale_render_tools SPIRV-Tools-static
+  LABELS unit)
+target_compile_definitions(test_shader_interface PRIVATE
+  BRISVALE_TEST_SHADER_DIR="${CMAKE_CURRENT_LIST_DIR}/shaders"
+  BRISVALE_TEST_DOC="${PROJECT_SOURCE_DIR}/docs/shader-interface.md")
