@@ -75,12 +75,11 @@ std::vector<std::string> loadImagePaths(const DemoArchive& archive, std::string_
 
     std::map<std::int64_t, std::string_view> valuesByIndex;
     std::size_t lineStart = 0;
-    std::size_t pos = 0;
     while (lineStart <= text.size()) {
         // Find the end of this line: the next line break or the end of the text.
         std::size_t lineEnd = text.size();
         std::size_t nextStart = text.size() + 1;
-        for (pos = lineStart; pos < text.size();) {
+        for (std::size_t pos = lineStart; pos < text.size();) {
             std::size_t after = pos;
             if (isLineBreak(utf8::next(text, after))) {
                 lineEnd = pos;

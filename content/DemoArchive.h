@@ -51,6 +51,9 @@ public:
     // The content of open(path) as a new byte vector.
     std::vector<std::uint8_t> readCopy(std::string_view path) const;
 
+    // Every file, by normalised path in byte order (for listing and unpacking tools).
+    const std::map<std::string, Entry, std::less<>>& entries() const { return entries_; }
+
 private:
     std::vector<std::uint8_t> bytes_;                   // the whole container file
     std::map<std::string, Entry, std::less<>> entries_; // normalised path -> record

@@ -1,0 +1,124 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <random>
+
+#include "ContentTestSupport.h"
+#include "content/ArchiveWriter.h"
+#include "content/DemoArchive.h"
+
+namespace brisvale {
+namespace {
+
+using testing::errorOf;
+using testing::TempDir;
+using testing::toBytes;
+
+std::vector<std::uint8_t> randomBytes(std::size_t size, std::uint32_t seed) {
+    std::mt19937 random(seed);
+    std::vector<std::uint8_t> bytes(size);
+    for (auto& b : bytes) {
+        b = static_cast<std::uint8_t>(random());
+    }
+    return bytes;
+}
+
+std::vector<ArchiveFile> mixedFiles() {
+    return {{"text/readme.txt", toBytes(std::string(3000, 'r') + "end")},
+            {"bin/noise.bin", randomBytes(5000, 7)},
+            {"empty", {}},
+            {"one", toBytes("1")}};
+}
+
+TEST(ArchiveWriter, GzipIsDeterministicWithFixedHeader) {
+    const auto content = toBytes(std::string(1000, 'g'));
+    const auto gzip = gzipDeterministic(content);
+    EXPECT_EQ(gzip, gzipDeterministic(content));
+    ASSERT_GE(gzip.size(), 18u);
+    EXPECT_EQ(gzip[0], 0x1F);
+    EXPECT_EQ(gzip[1], 0x8B);
+    EXPECT_EQ(gzip[3], 0); // no name, comment or extra field
+    EXPECT_EQ(gzip[4] | gzip[5] | gzip[6] | gzip[7], 0); // mtime 0
+    EXPECT_EQ(gzip[9], 255); // operating system: unknown
+}
+
+TEST(ArchiveWriter, EveryLayoutAndModeRoundTrips) {
+    TempDir dir;
+    const auto files = mixedFiles();
+    const ArchiveWriteOptions layouts[] = {{1, ArchiveCompression::None},
+                                           {1, ArchiveCompression::Auto},
+                                           {2, ArchiveCompression::None},
+                                           {2, ArchiveCompression::Auto},
+                                           {2, ArchiveCompression::All}};
+    for (const ArchiveWriteOptions& options : layouts) {
+        const auto bytes = writeArchive(files, options);
+        EXPECT_EQ(bytes, writeArchive(files, options)) << "not deterministic";
+        EXPECT_EQ(bytes[4], options.version);
+        const auto archive = testing::loadBytes(dir, bytes);
+        ASSERT_EQ(archive->entries().size(), files.size());
+        for (const ArchiveFile& file : files) {
+            EXPECT_EQ(archive->readCopy(file.path), file.bytes) << file.path;
+        }
+    }
+}
+
+TEST(ArchiveWriter, CompressionModesPickTheRightRecords) {
+    TempDir dir;
+    const auto files = mixedFiles();
+    auto flagsOf = [&](ArchiveWriteOptions options) {
+        const auto archive = testing::loadBytes(dir, writeArchive(files, options));
+        std::map<std::string, std::uint32_t> flags;
+        for (const auto& [path, entry] : archive->entries()) {
+            flags[path] = entry.flags;
+            EXPECT_EQ(entry.unpackedSize, archive->open(path).size());
+        }
+        return flags;
+    };
+    // Auto: only the compressible text saves 10 %; noise and tiny files stay stored.
+    EXPECT_EQ(flagsOf({2, ArchiveCompression::Auto}),
+              (std::map<std::string, std::uint32_t>{
+                  {"text/readme.txt", 1}, {"bin/noise.bin", 0}, {"empty", 0}, {"one", 0}}));
+    for (const auto& [path, flags] : flagsOf({2, ArchiveCompression::All})) {
+        EXPECT_EQ(flags, 1u) << path;
+    }
+    for (const auto& [path, flags] : flagsOf({2, ArchiveCompression::None})) {
+        EXPECT_EQ(flags, 0u) << path;
+    }
+}
+
+TEST(ArchiveWriter, RejectsWhatTheFormatCannotHold) {
+    EXPECT_EQ(errorOf([] { writeArchive({{"a", {}}}, {1, ArchiveCompression::All}); }),
+              "Version 1 archives cannot hold compressed files");
+    EXPECT_EQ(errorOf([] { writeArchive({{"a", {}}}, {3, ArchiveCompression::None}); }),
+              "Unsupported archive version: 3");
+    EXPECT_EQ(errorOf([] { writeArchive({{"", {}}}); }), "Invalid archive file name: ''");
+    // An empty list is a valid, empty container.
+    EXPECT_EQ(writeArchive({}, {1, ArchiveCompression::None}).size(), 12u);
+}
+
+TEST(ArchiveWriter, FileIsReplacedWholeOrNotAtAll) {
+    TempDir dir;
+    const std::string path = dir.file("demo.dat");
+    writeArchiveFile(path, mixedFiles());
+    const auto first = testing::readBytes(path);
+    EXPECT_EQ(first, writeArchive(mixedFiles()));
+    EXPECT_EQ(std::filesystem::status(path).permissions() & std::filesystem::perms::others_read,
+              std::filesystem::perms::others_read);
+
+    // A refused write leaves the previous file; a successful one leaves no temporary behind.
+    EXPECT_NE(errorOf([&] { writeArchiveFile(path, {{"", toBytes("x")}}); }), "<no error>");
+    EXPECT_EQ(testing::readBytes(path), first);
+    writeArchiveFile(path, {{"new", toBytes("x")}});
+    EXPECT_EQ(DemoArchive::load(path)->readText("new"), "x");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()),
+                            std::filesystem::directory_iterator()),
+              1);
+
+    const std::string nowhere = dir.file("missing/demo.dat");
+    EXPECT_EQ(errorOf([&] { writeArchiveFile(nowhere, mixedFiles()); }).rfind("Failed to create ", 0),
+              0u);
+    EXPECT_FALSE(std::filesystem::exists(dir.path() / "missing"));
+}
+
+} // namespace
+} // namespace brisvale

@@ -1,0 +1,137 @@
+#include <gtest/gtest.h>
+
+#include "ContentTestSupport.h"
+#include "content/ShaderSource.h"
+
+namespace brisvale {
+namespace {
+
+using testing::errorOf;
+using testing::TempDir;
+using testing::toBytes;
+
+// Loads an archive of shader files and expands one of them with a fresh include stack.
+class ShaderSourceTest : public ::testing::Test {
+protected:
+    void files(const std::vector<std::pair<std::string, std::string>>& contents) {
+        std::vector<ArchiveFile> archiveFiles;
+        for (const auto& [path, text] : contents) {
+            archiveFiles.push_back({path, toBytes(text)});
+        }
+        archive_ = testing::loadFiles(dir_, archiveFiles);
+    }
+    std::string expand(std::string_view path) {
+        std::vector<std::string> stack;
+        std::string result = loadMetalSourceWithIncludes(*archive_, path, stack);
+        EXPECT_TRUE(stack.empty());
+        return result;
+    }
+    std::string errorFor(std::string_view path) {
+        return errorOf([&] { expand(path); });
+    }
+
+    TempDir dir_;
+    std::shared_ptr<DemoArchive> archive_;
+};
+
+TEST_F(ShaderSourceTest, LineEndsBecomeLineFeeds) {
+    files({{"a.glsl", "one\r\ntwo\rthree\n\nfour\xC2\x85" "five\xE2\x80\xA8six\xE2\x80\xA9seven"},
+           {"empty.glsl", ""},
+           {"crcr.glsl", "x\r\r\ny\n"},
+           {"vt.glsl", "p\vq\fr"}});
+    EXPECT_EQ(expand("a.glsl"), "one\ntwo\nthree\n\nfour\nfive\nsix\nseven\n");
+    EXPECT_EQ(expand("empty.glsl"), "");
+    EXPECT_EQ(expand("crcr.glsl"), "x\n\ny\n");
+    EXPECT_EQ(expand("vt.glsl"), "p\vq\fr\n"); // VT and FF are not line ends here
+}
+
+TEST_F(ShaderSourceTest, ExpandsIncludesRelativeToTheIncludingFile) {
+    files({{"main.metal", "#include <metal_stdlib>\r\n  #include \"lib/common.metal\"  \r\nkernel...\r\n"},
+           {"lib/common.metal", "float k;"}});
+    EXPECT_EQ(expand("main.metal"), "#include <metal_stdlib>\nfloat k;\n\nkernel...\n");
+}
+
+TEST_F(ShaderSourceTest, IncludesClimbAndNeverLeaveTheRoot) {
+    files({{"shaders/main.glsl", "#include \"../common.glsl\"\n#include \"/x.glsl\"\n"},
+           {"common.glsl", "C"},
+           {"shaders/x.glsl", "X\n"}});
+    EXPECT_EQ(expand("shaders/main.glsl"), "C\n\nX\n\n");
+}
+
+TEST_F(ShaderSourceTest, OnlyTheExactFormIsAnInclude) {
+    const std::string ordinary = "#include <metal_stdlib>\n"
+                                 "#import \"b.glsl\"\n"
+                                 "# include \"b.glsl\"\n"
+                                 "#include\"b.glsl\"\n"
+                                 "#include  \"b.glsl\"\n"
+                                 "#include \"b.glsl\" // trailing\n"
+                                 "#INCLUDE \"b.glsl\"\n"
+                                 "#include \"\n"
+                                 "\t #include \"\t \n";
+    files({{"a.glsl", ordinary}, {"b.glsl", "B"}});
+    EXPECT_EQ(expand("a.glsl"), ordinary);
+}
+
+TEST_F(ShaderSourceTest, WhiteSpaceAroundIncludesIsDroppedAndInsideQuotesKept) {
+    files({{"a.glsl", "\t  #include \"b.glsl\"\t \xE3\x80\x80\n"
+                      "#include \" b.glsl\"\n"
+                      "   keep   \n"
+                      "/*\n#include \"b.glsl\"\n*/\n"},
+           {"b.glsl", "B"},
+           {" b.glsl", "spaced"}});
+    EXPECT_EQ(expand("a.glsl"), "B\n\nspaced\n\n   keep   \n/*\nB\n\n*/\n");
+}
+
+TEST_F(ShaderSourceTest, RepeatedIncludesExpandEachTime) {
+    files({{"a.glsl", "#include \"b.glsl\"\n#include \"./b.glsl\"\n"},
+           {"b.glsl", "#include \"c.glsl\"\n"},
+           {"c.glsl", ""}});
+    EXPECT_EQ(expand("a.glsl"), "\n\n\n\n");
+}
+
+TEST_F(ShaderSourceTest, RecursionIsRefusedWhateverTheSpelling) {
+    files({{"self.glsl", "#include \"self.glsl\"\n"},
+           {"dir/self.glsl", "#include \"../dir/x/../self.glsl\"\n"},
+           {"a.glsl", "#include \"b.glsl\"\n"},
+           {"b.glsl", "ok\n#include \"a.glsl\"\n"},
+           {"empty-name.glsl", "#include \"\"\n"},
+           {"dot.glsl", "#include \".\"\n"}});
+    for (const char* path : {"self.glsl", "dir/self.glsl", "a.glsl", "./b.glsl", "empty-name.glsl",
+                             "dot.glsl"}) {
+        EXPECT_EQ(errorFor(path), "Recursive Metal include detected") << path;
+    }
+}
+
+TEST_F(ShaderSourceTest, StackIsRestoredAndChecked) {
+    files({{"a.glsl", "#include \"b.glsl\"\n"}, {"b.glsl", "B\n"}});
+    std::vector<std::string> stack = {"outer.glsl"};
+    EXPECT_EQ(loadMetalSourceWithIncludes(*archive_, "./a.glsl", stack), "B\n\n");
+    EXPECT_EQ(stack, std::vector<std::string>{"outer.glsl"});
+    std::vector<std::string> holding = {"b.glsl"};
+    EXPECT_EQ(errorOf([&] { loadMetalSourceWithIncludes(*archive_, "a.glsl", holding); }),
+              "Recursive Metal include detected");
+}
+
+TEST_F(ShaderSourceTest, MissingFilesAndBadTextNameTheCanonicalPath) {
+    files({{"shaders/main.glsl", "#include \"lib.glsl\"\n"},
+           {"bad.glsl", "ok\n\xC3\x28\n"},
+           {"uses-bad.glsl", "#include \"./bad.glsl\"\n"},
+           {"nul.glsl", std::string("kept\n\0\xFF", 7)},
+           {"bom.glsl", "\xEF\xBB\xBF#include \"nul.glsl\"\n"}});
+    EXPECT_EQ(errorFor("shaders/main.glsl"), "Missing file in demo archive: shaders/lib.glsl");
+    EXPECT_EQ(errorFor("./x\\..\\none.glsl"), "Missing file in demo archive: none.glsl");
+    EXPECT_EQ(errorFor("uses-bad.glsl"), "Failed to decode Metal shader source: bad.glsl");
+    EXPECT_EQ(expand("nul.glsl"), "kept\n");
+    EXPECT_EQ(expand("bom.glsl"), "kept\n\n");
+}
+
+TEST_F(ShaderSourceTest, ArchiveErrorsPassThrough) {
+    const auto gzip = gzipDeterministic(toBytes("void main() {}\n"));
+    testing::RawArchive raw(2, 1);
+    raw.record2("m.glsl", 12 + 32 + 6, gzip.size(), 3, DemoArchive::kGzipFlag).raw(gzip);
+    archive_ = testing::loadBytes(dir_, raw.bytes());
+    EXPECT_EQ(errorFor("m.glsl"), "Failed to decompress demo archive entry");
+}
+
+} // namespace
+} // namespace brisvale
