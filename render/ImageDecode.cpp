@@ -44,7 +44,7 @@ stbir_filter filterFor(int from, std::uint32_t to) {
 
 std::vector<std::uint8_t> decodeImageToSquare(const std::uint8_t* bytes, std::size_t size,
                                               std::uint32_t edge, const std::string& path) {
-    if (edge > kMaxEdge) throw std::invalid_argument("Image edge length too large");
+    if (edge > kMaxEdge) throw std::runtime_error("Image edge length too large");
 
     // The header alone tells whether this is an image format at all; stb reads it without
     // decoding pixels.

@@ -33,7 +33,7 @@ struct Stage {
     EShLanguage language;
     std::string_view macro;
     std::string_view entry;
-    std::string_view name;  // for error descriptions
+    std::string_view name; // for error descriptions
     std::string_view missingMessage;
 };
 
@@ -42,8 +42,8 @@ constexpr std::array<Stage, 3> kStages{{
      kMissingVertex},
     {EShLangFragment, shader_interface::kFragmentStageMacro, shader_interface::kFragmentEntry,
      "fragment", kMissingFragment},
-    {EShLangCompute, shader_interface::kComputeStageMacro, shader_interface::kComputeEntry, "compute",
-     kMissingCompute},
+    {EShLangCompute, shader_interface::kComputeStageMacro, shader_interface::kComputeEntry,
+     "compute", kMissingCompute},
 }};
 
 constexpr auto kMessages = static_cast<EShMessages>(EShMsgSpvRules | EShMsgVulkanRules);
@@ -67,15 +67,18 @@ private:
     bool initialised_;
 };
 
-[[noreturn]] void failCompile(std::string_view stageName, std::string_view description) {
+// The description, when there is one, follows ": " and names the stage that failed.
+[[noreturn]] void failCompile(std::string_view description) {
     std::string message(kCompileFailed);
     if (!description.empty()) {
         message += ": ";
-        message += stageName;
-        message += " stage: ";
         message += description;
     }
     throw std::runtime_error(message);
+}
+
+[[noreturn]] void failStage(std::string_view stageName, std::string_view description) {
+    failCompile(std::string(stageName) + " stage: " + std::string(description));
 }
 
 // [SECTION] Info log to one line
@@ -140,11 +143,12 @@ void parseStage(const Stage& stage, const std::string& text, StageBuild& build) 
     build.shader = std::make_unique<glslang::TShader>(stage.language);
     const char* strings[] = {text.c_str()};
     build.shader->setStrings(strings, 1);
-    build.shader->setEnvInput(glslang::EShSourceGlsl, stage.language, glslang::EShClientVulkan, 100);
+    build.shader->setEnvInput(glslang::EShSourceGlsl, stage.language, glslang::EShClientVulkan,
+                              100);
     build.shader->setEnvClient(glslang::EShClientVulkan, glslang::EShTargetVulkan_1_3);
     build.shader->setEnvTarget(glslang::EShTargetSpv, glslang::EShTargetSpv_1_5);
     if (!build.shader->parse(GetDefaultResources(), 450, ENoProfile, false, false, kMessages))
-        failCompile(stage.name, oneLineDescription(build.shader->getInfoLog()));
+        failStage(stage.name, oneLineDescription(build.shader->getInfoLog()));
 }
 
 // Returns the link log when linking failed for a reason other than a missing entry point.
@@ -166,11 +170,12 @@ std::vector<std::uint32_t> generateSpirv(const Stage& stage, StageBuild& build) 
     spv::SpvBuildLogger logger;
     glslang::SpvOptions options;
     options.disableOptimizer = true;
-    glslang::GlslangToSpv(*build.program->getIntermediate(stage.language), words, &logger, &options);
+    glslang::GlslangToSpv(*build.program->getIntermediate(stage.language), words, &logger,
+                          &options);
     const std::string messages = logger.getAllMessages();
     if (words.empty() || messages.find("error") != std::string::npos)
-        failCompile(stage.name, messages.empty() ? std::string("no SPIR-V generated")
-                                                 : oneLineDescription(messages));
+        failStage(stage.name, messages.empty() ? std::string("no SPIR-V generated")
+                                               : oneLineDescription(messages));
     return {words.begin(), words.end()};
 }
 
@@ -178,7 +183,7 @@ std::vector<std::uint32_t> generateSpirv(const Stage& stage, StageBuild& build) 
 
 CompiledShaders compileSceneShaders(const std::string& expandedSource) {
     static const GlslangProcess process;
-    if (!process.initialised()) failCompile("every", "glslang could not be initialised");
+    if (!process.initialised()) failCompile("glslang could not be initialised");
 
     std::array<StageBuild, kStages.size()> builds;
 
@@ -187,10 +192,11 @@ CompiledShaders compileSceneShaders(const std::string& expandedSource) {
         parseStage(kStages[i], stageText(kStages[i], expandedSource), builds[i]);
     for (std::size_t i = 0; i < kStages.size(); ++i) {
         const std::string linkError = linkStage(builds[i]);
-        if (!linkError.empty()) failCompile(kStages[i].name, linkError);
+        if (!linkError.empty()) failStage(kStages[i].name, linkError);
     }
     for (std::size_t i = 0; i < kStages.size(); ++i)
-        if (builds[i].missingEntry) throw std::runtime_error(std::string(kStages[i].missingMessage));
+        if (builds[i].missingEntry)
+            throw std::runtime_error(std::string(kStages[i].missingMessage));
 
     CompiledShaders out;
     out.vertex = generateSpirv(kStages[0], builds[0]);
@@ -198,7 +204,7 @@ CompiledShaders compileSceneShaders(const std::string& expandedSource) {
     out.compute = generateSpirv(kStages[2], builds[2]);
 
     glslang::TProgram& compute = *builds[2].program;
-    if (!compute.buildReflection()) failCompile("compute", "reflection failed");
+    if (!compute.buildReflection()) failStage("compute", "reflection failed");
     out.computeLocalSizeX = compute.getLocalSize(0);
     return out;
 }

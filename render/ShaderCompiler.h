@@ -9,7 +9,7 @@ namespace brisvale {
 // SPIR-V for the three entry functions of one show shader source.
 struct CompiledShaders {
     std::vector<std::uint32_t> vertex, fragment, compute;
-    std::uint32_t computeLocalSizeX = 0;  // the compute function's declared local_size_x
+    std::uint32_t computeLocalSizeX = 0; // the compute function's declared local_size_x
 };
 
 // Compiles the include-expanded GLSL source (no #version line) once per stage for

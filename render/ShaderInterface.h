@@ -14,19 +14,19 @@ namespace brisvale {
 
 // Rebuilt for every frame; the first 32 bytes of the push-constant range.
 struct SceneUniforms {
-    std::array<float, 2> resolution{};   // drawable size in pixels from the last resize
+    std::array<float, 2> resolution{}; // drawable size in pixels from the last resize
     float timeSeconds = 0.0f;
     float deltaSeconds = 0.0f;
     float showDurationSeconds = 0.0f;
     float renderEndSeconds = 0.0f;
-    std::uint32_t vertexCapacity = 0;    // vertices the pool holds for this frame
-    std::uint32_t imageCount = 0;        // layers of the image array
+    std::uint32_t vertexCapacity = 0; // vertices the pool holds for this frame
+    std::uint32_t imageCount = 0;     // layers of the image array
 };
 
 // Which draw a shader invocation belongs to; the last 16 bytes of the push constants.
 struct PassParams {
     std::uint32_t passIndex = 0;
-    std::array<std::uint32_t, 3> reserved{};  // always 0
+    std::array<std::uint32_t, 3> reserved{}; // always 0
 };
 
 // Vulkan's VkDrawIndirectCommand; the compute function writes it, the draw reads it.
@@ -88,11 +88,14 @@ inline constexpr std::uint32_t kPushConstantSize = sizeof(FramePushConstants);
 
 // Descriptor set 0.
 inline constexpr std::uint32_t kDescriptorSet = 0;
-inline constexpr std::uint32_t kVertexPoolBinding = 0;        // storage buffer: compute writes, vertex reads
-inline constexpr std::uint32_t kIndirectArgumentsBinding = 1; // storage buffer: compute writes
-inline constexpr std::uint32_t kGeometryRequestBinding = 2;   // storage buffer: compute writes
-inline constexpr std::uint32_t kImageArrayBinding = 3;        // sampler2DArray: fragment
-inline constexpr std::uint32_t kSceneDepthBinding = 4;        // sampler2D: fragment (composite pass)
+// Storage buffers: compute writes all three; the vertex stage reads the pool.
+inline constexpr std::uint32_t kVertexPoolBinding = 0;
+inline constexpr std::uint32_t kIndirectArgumentsBinding = 1;
+inline constexpr std::uint32_t kGeometryRequestBinding = 2;
+// Combined image samplers, fragment stage: the image array, and the scene depth that the
+// composite pass reads (a 1x1 placeholder of depth 1.0 in the other passes).
+inline constexpr std::uint32_t kImageArrayBinding = 3;
+inline constexpr std::uint32_t kSceneDepthBinding = 4;
 inline constexpr std::uint32_t kBindingCount = 5;
 
 // One pool vertex: seven 32-bit words whose meaning is the show's own.

@@ -48,8 +48,12 @@ Bytes encode(Format format, int width, int height, const std::vector<Rgba>& pixe
     case Format::Png:
         ok = stbi_write_png_to_func(appendBytes, &out, width, height, 4, pixels.data(), width * 4);
         break;
-    case Format::Bmp: ok = stbi_write_bmp_to_func(appendBytes, &out, width, height, 4, pixels.data()); break;
-    case Format::Tga: ok = stbi_write_tga_to_func(appendBytes, &out, width, height, 4, pixels.data()); break;
+    case Format::Bmp:
+        ok = stbi_write_bmp_to_func(appendBytes, &out, width, height, 4, pixels.data());
+        break;
+    case Format::Tga:
+        ok = stbi_write_tga_to_func(appendBytes, &out, width, height, 4, pixels.data());
+        break;
     case Format::Jpeg:
         ok = stbi_write_jpg_to_func(appendBytes, &out, width, height, 4, pixels.data(), 100);
         break;
@@ -59,7 +63,8 @@ Bytes encode(Format format, int width, int height, const std::vector<Rgba>& pixe
 }
 
 Bytes solid(Format format, int width, int height, Rgba colour) {
-    return encode(format, width, height, std::vector<Rgba>(static_cast<std::size_t>(width) * height, colour));
+    return encode(format, width, height,
+                  std::vector<Rgba>(static_cast<std::size_t>(width) * height, colour));
 }
 
 Rgba at(const Bytes& square, std::uint32_t edge, std::uint32_t x, std::uint32_t y) {
@@ -121,7 +126,7 @@ TEST(ImageDecode, TransparentPixelsBleedNoColourIntoTheirNeighbours) {
     for (std::uint32_t x = 0; x < 64; ++x) {
         const Rgba p = at(square, 64, x, 32);
         EXPECT_EQ(p.g, 0) << "x " << x;
-        EXPECT_EQ(p.r, p.a) << "x " << x;  // pure red, premultiplied: red equals alpha
+        EXPECT_EQ(p.r, p.a) << "x " << x; // pure red, premultiplied: red equals alpha
         if (p.a > 0 && p.a < 255) sawEdge = true;
     }
     EXPECT_TRUE(sawEdge) << "scaling should blend across the boundary";
@@ -137,7 +142,8 @@ TEST(ImageDecode, ColourNeverExceedsAlphaAfterScaling) {
         state = state * 1664525u + 1013904223u;
         return static_cast<std::uint8_t>(state >> 24);
     };
-    for (int i = 0; i < 40 * 24; ++i) pixels.push_back({next(), next(), next(), static_cast<std::uint8_t>(next() & 0xC0)});
+    for (int i = 0; i < 40 * 24; ++i)
+        pixels.push_back({next(), next(), next(), static_cast<std::uint8_t>(next() & 0xC0)});
     const Bytes file = encode(Format::Png, 40, 24, pixels);
     for (std::uint32_t edge : {16u, 100u}) {
         const Bytes square = decode(file, edge);
@@ -185,7 +191,8 @@ TEST(ImageDecode, WideImageFillsTheWholeSquare) {
     const std::uint32_t last = kEdge - 1, mid = kEdge / 2;
     const struct {
         std::uint32_t x, y;
-    } probes[] = {{0, 0}, {last, 0}, {0, last}, {last, last}, {mid, 0}, {mid, last}, {0, mid}, {last, mid}, {mid, mid}};
+    } probes[] = {{0, 0},      {last, 0}, {0, last},   {last, last}, {mid, 0},
+                  {mid, last}, {0, mid},  {last, mid}, {mid, mid}};
     for (const auto& probe : probes) {
         const Rgba p = at(square, kEdge, probe.x, probe.y);
         const int expectRed = static_cast<int>(probe.x * 255 / last);
@@ -220,17 +227,17 @@ TEST(ImageDecode, OutputIsEdgeSquaredTimesFour) {
 TEST(ImageDecode, HandWrittenPnmAndGifAreRecognised) {
     const std::string pnm = "P6\n2 1\n255\n";
     Bytes ppm(pnm.begin(), pnm.end());
-    for (std::uint8_t b : {0, 0, 255, 0, 0, 255}) ppm.push_back(b);  // two blue pixels
+    for (std::uint8_t b : {0, 0, 255, 0, 0, 255}) ppm.push_back(b); // two blue pixels
     const Rgba fromPnm = at(decode(ppm, 4), 4, 1, 1);
     EXPECT_EQ(fromPnm.b, 255);
     EXPECT_EQ(fromPnm.r, 0);
     EXPECT_EQ(fromPnm.a, 255);
 
     // A 1x1 GIF89a whose only pixel is palette entry 0, pure red.
-    const Bytes gif = {'G', 'I', 'F', '8', '9', 'a', 1, 0, 1, 0, 0x80, 0, 0,
-                       0xFF, 0, 0, 0, 0, 0,                      // palette: red, black
-                       0x2C, 0, 0, 0, 0, 1, 0, 1, 0, 0,          // image descriptor
-                       2, 2, 0x44, 0x01, 0,                      // LZW data
+    const Bytes gif = {'G',  'I', 'F',  '8',  '9', 'a', 1, 0, 1, 0,
+                       0x80, 0,   0,    0xFF, 0,   0,   0, 0, 0,    // palette: red, black
+                       0x2C, 0,   0,    0,    0,   1,   0, 1, 0, 0, // image descriptor
+                       2,    2,   0x44, 0x01, 0,                    // LZW data
                        0x3B};
     const Rgba fromGif = at(decode(gif, 4), 4, 2, 2);
     EXPECT_EQ(fromGif.r, 255);
@@ -250,12 +257,14 @@ TEST(ImageDecode, TextIsNotAnImage) {
 TEST(ImageDecode, KnownFormatWithoutPixelsFailsToDecode) {
     // Signature and header survive, the pixel data does not.
     Bytes png = solid(Format::Png, 8, 8, {1, 2, 3, 255});
-    png.resize(33);  // 8-byte signature + the 25-byte IHDR chunk
+    png.resize(33); // 8-byte signature + the 25-byte IHDR chunk
     EXPECT_EQ(errorOf(png, "images/cut.png"), "Failed to decode image: images/cut.png");
 }
 
-TEST(ImageDecode, EdgeZeroGivesNoPixels) {
-    EXPECT_TRUE(decode(solid(Format::Png, 2, 2, {1, 2, 3, 255}), 0).empty());
+TEST(ImageDecode, EdgeZeroGivesNoPixelsAndAHugeEdgeIsRefused) {
+    const Bytes file = solid(Format::Png, 2, 2, {1, 2, 3, 255});
+    EXPECT_TRUE(decode(file, 0).empty());
+    EXPECT_THROW(decode(file, 1u << 20), std::runtime_error);
 }
 
 } // namespace

@@ -35,15 +35,24 @@ layout(push_constant, std430) uniform Frame {
     float showDurationSeconds; float renderEndSeconds; uint vertexCapacity; uint imageCount;
     uint passIndex; uint passReserved0; uint passReserved1; uint passReserved2;
 } frame;
+#ifdef BRISVALE_COMPUTE
 layout(std430, set = 0, binding = 0) buffer VertexPool { float words[]; } pool;
-layout(std430, set = 0, binding = 1) buffer Indirect { uint vertexCount; uint instanceCount; uint firstVertex; uint firstInstance; } indirect;
-layout(std430, set = 0, binding = 2) buffer Request { uint word0; uint requestedVertexCount; uint overflowFlag; uint word3; } request;
+#else
+layout(std430, set = 0, binding = 0) readonly buffer VertexPool { float words[]; } pool;
+#endif
+layout(std430, set = 0, binding = 1) buffer Indirect {
+    uint vertexCount; uint instanceCount; uint firstVertex; uint firstInstance;
+} indirect;
+layout(std430, set = 0, binding = 2) buffer Request {
+    uint word0; uint requestedVertexCount; uint overflowFlag; uint word3;
+} request;
 layout(set = 0, binding = 3) uniform sampler2DArray images;
 layout(set = 0, binding = 4) uniform sampler2D sceneDepth;
 
 float pulse(float t) { return 0.5 + 0.5 * sin(t); }
 )";
-    if (parts.vertex) s += R"(
+    if (parts.vertex)
+        s += R"(
 #ifdef BRISVALE_VERTEX
 layout(location = 0) out vec2 uv;
 void scene_vertex() {
@@ -58,7 +67,8 @@ void scene_vertex() {
 }
 #endif
 )";
-    if (parts.fragment) s += R"(
+    if (parts.fragment)
+        s += R"(
 #ifdef BRISVALE_FRAGMENT
 layout(location = 0) in vec2 uv;
 layout(location = 0) out vec4 color;
@@ -70,8 +80,9 @@ void scene_fragment() {
 #endif
 )";
     if (parts.compute) {
-        s += "\n#ifdef BRISVALE_COMPUTE\nlayout(local_size_x = " + std::to_string(parts.localSizeX) +
-             ") in;\n";
+        s +=
+            "\n#ifdef BRISVALE_COMPUTE\nlayout(local_size_x = " + std::to_string(parts.localSizeX) +
+            ") in;\n";
         s += R"(
 void scene_compute() {
     uint i = gl_GlobalInvocationID.x;
@@ -102,11 +113,11 @@ std::string errorOf(const std::string& source) {
 std::string spirvValidationErrors(const std::vector<std::uint32_t>& words) {
     spvtools::SpirvTools tools(SPV_ENV_VULKAN_1_3);
     std::string errors;
-    tools.SetMessageConsumer([&errors](spv_message_level_t, const char*, const spv_position_t&,
-                                       const char* message) {
-        errors += message;
-        errors += '\n';
-    });
+    tools.SetMessageConsumer(
+        [&errors](spv_message_level_t, const char*, const spv_position_t&, const char* message) {
+            errors += message;
+            errors += '\n';
+        });
     spvtools::ValidatorOptions options;
     options.SetScalarBlockLayout(false);
     if (!tools.Validate(words.data(), words.size(), options) && errors.empty())
@@ -244,6 +255,16 @@ TEST(ShaderCompiler, CompileErrorComesBeforeMissingFunctions) {
     const std::string message = errorOf(source);
     EXPECT_TRUE(message.starts_with("Failed to compile Metal shader source: compute stage: "))
         << message;
+
+    // The vertex function is missing and only the fragment stage has the fault.
+    parts = SourceParts{};
+    parts.vertex = false;
+    source = shaderSource(parts);
+    source += "\n#ifdef BRISVALE_FRAGMENT\nvoid extra() { undefinedCall(); }\n#endif\n";
+    const std::string second = errorOf(source);
+    EXPECT_TRUE(second.starts_with("Failed to compile Metal shader source: fragment stage: "))
+        << second;
+    EXPECT_NE(second.find("undefinedCall"), std::string::npos) << second;
 }
 
 // --- Missing functions ------------------------------------------------------------------

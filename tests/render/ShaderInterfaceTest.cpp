@@ -38,7 +38,8 @@ const std::string& documentText() {
 }
 
 const std::string& exampleFile() {
-    static const std::string text = readFile(std::string(BRISVALE_TEST_SHADER_DIR) + "/example.glsl");
+    static const std::string text =
+        readFile(std::string(BRISVALE_TEST_SHADER_DIR) + "/example.glsl");
     return text;
 }
 
@@ -71,7 +72,7 @@ std::vector<std::vector<std::string>> table(const std::string& name) {
     std::string line;
     int index = 0;
     while (std::getline(lines, line) && line.starts_with("|")) {
-        if (index++ < 2) continue;  // header and |---| rule
+        if (index++ < 2) continue; // header and |---| rule
         std::vector<std::string> cells;
         std::size_t start = 1;
         for (std::size_t bar = line.find('|', start); bar != std::string::npos;
@@ -119,8 +120,9 @@ TEST(ShaderInterfaceDocument, DeclarationsToCopyAreTheExamplesOwn) {
     // The blocks the document tells authors to copy appear word for word in the example.
     const std::string& doc = documentText();
     const std::string example = exampleFile();
-    for (const std::string& opener : {std::string("```glsl\nlayout(push_constant"),
-                                      std::string("```glsl\n#ifdef BRISVALE_COMPUTE\nlayout(std430")}) {
+    for (const std::string& opener :
+         {std::string("```glsl\nlayout(push_constant"),
+          std::string("```glsl\n#ifdef BRISVALE_COMPUTE\nlayout(std430")}) {
         const std::size_t from = doc.find(opener);
         ASSERT_NE(from, std::string::npos) << opener;
         const std::size_t bodyStart = from + std::string("```glsl\n").size();
@@ -205,7 +207,8 @@ TEST(ShaderInterfaceDocument, BindingTableMatchesTheHeader) {
         }
         EXPECT_TRUE(found) << e.contentStart;
     }
-    EXPECT_NE(documentText().find(std::to_string(si::kVertexStrideBytes) + " bytes"), std::string::npos);
+    EXPECT_NE(documentText().find(std::to_string(si::kVertexStrideBytes) + " bytes"),
+              std::string::npos);
 }
 
 TEST(ShaderInterfaceDocument, CompiledExampleUsesTheDocumentedBindings) {
@@ -254,8 +257,9 @@ TEST(ShaderInterfaceDocument, FeedbackRecordTableMatchesTheHeader) {
 
 TEST(ShaderInterfaceDocument, StageMacrosAndEntryFunctionsAreDocumented) {
     const std::string& doc = documentText();
-    for (std::string_view name : {si::kVertexStageMacro, si::kFragmentStageMacro, si::kComputeStageMacro,
-                                  si::kVertexEntry, si::kFragmentEntry, si::kComputeEntry})
+    for (std::string_view name :
+         {si::kVertexStageMacro, si::kFragmentStageMacro, si::kComputeStageMacro, si::kVertexEntry,
+          si::kFragmentEntry, si::kComputeEntry})
         EXPECT_NE(doc.find("`" + std::string(name) + "`"), std::string::npos) << name;
     EXPECT_NE(doc.find("#define " + std::string(si::kVertexStageMacro) + " 1\n#define " +
                        std::string(si::kVertexEntry) + " main\n#line 1\n"),
