@@ -1,0 +1,210 @@
+#include "app/platform/AppDelegate.h"
+
+#include <chrono>
+#include <cstdio>
+#include <exception>
+#include <stdexcept>
+#include <string>
+
+#include "app/KeyBindings.h"
+#include "app/platform/SystemLog.h"
+
+namespace brisvale {
+namespace {
+
+constexpr int kWindowWidth = 1280;
+constexpr int kWindowHeight = 720;
+constexpr const char* kWindowTitle = "Brisvale Metal";
+constexpr std::chrono::milliseconds kInitialFullscreenDelay{250};
+
+KeyPress keyPressFrom(const SDL_KeyboardEvent& event) {
+    KeyPress key;
+    const SDL_Keycode sym = event.keysym.sym;
+    if (sym == SDLK_ESCAPE) {
+        key.code = KeyCode::Escape;
+        key.charactersIgnoringModifiers = "\x1b";
+    } else if (sym == SDLK_RETURN) {
+        key.code = KeyCode::Return;
+        key.charactersIgnoringModifiers = "\r";
+    } else if (sym >= 0x20 && sym < 0x7f) {
+        key.charactersIgnoringModifiers = std::string(1, static_cast<char>(sym));
+    }
+    // The Command modifier is Ctrl, or Super where the desktop passes it through.
+    key.command = (event.keysym.mod & (KMOD_CTRL | KMOD_GUI)) != 0;
+    return key;
+}
+
+} // namespace
+
+void Window::setContentView(std::unique_ptr<MetalView> view) {
+    contentView_ = std::move(view);
+    if (contentView_) {
+        contentView_->viewDidMoveToWindow(handle_.get());
+    }
+}
+
+AppDelegate::AppDelegate(Application& application, MainThreadQueue& mainQueue)
+    : application_(application), mainQueue_(mainQueue) {}
+
+AppDelegate::~AppDelegate() = default;
+
+// ---------------------------------------------------------------------------------------------
+// Launch
+
+void AppDelegate::applicationDidFinishLaunching() {
+    try {
+        // Created hidden: a launch that fails never shows it.
+        SDL_Window* handle = SDL_CreateWindow(
+            kWindowTitle, SDL_WINDOWPOS_CENTERED, SDL_WINDOWPOS_CENTERED, kWindowWidth, kWindowHeight,
+            SDL_WINDOW_VULKAN | SDL_WINDOW_RESIZABLE | SDL_WINDOW_ALLOW_HIGHDPI | SDL_WINDOW_HIDDEN);
+        if (handle == nullptr) {
+            throw std::runtime_error(std::string("Failed to create window: ") + SDL_GetError());
+        }
+        _window = std::make_unique<Window>(handle);
+
+        // Stage A of the launch; may raise.
+        auto view = std::make_unique<MetalView>(ViewFrame{0, 0, kWindowWidth, kWindowHeight}, handle, mainQueue_,
+                                                [this] { application_.terminate(); });
+        _window->setContentView(std::move(view));
+
+        SDL_SetWindowPosition(handle, SDL_WINDOWPOS_CENTERED, SDL_WINDOWPOS_CENTERED);
+        SDL_ShowWindow(handle);
+        SDL_RaiseWindow(handle);
+        mainQueue_.postAfter(kInitialFullscreenDelay, [this] { enterInitialFullscreen(); });
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "Launch failed: %s\n", e.what());
+        std::fflush(stderr);
+        systemLogOnly(std::string("Launch failed: ") + e.what());
+        launchFailed_ = true;
+        application_.terminate();
+    }
+}
+
+void AppDelegate::enterInitialFullscreen() {
+    if (_didEnterInitialFullscreen || !_window) {
+        return;
+    }
+    // Set before the request, so that a second call never takes the window out again.
+    _didEnterInitialFullscreen = true;
+    SDL_RaiseWindow(_window->handle());
+    toggleFullScreen();
+}
+
+void AppDelegate::windowDidEnterFullScreen() {
+    if (MetalView* view = _window ? _window->contentView() : nullptr) {
+        view->startRendering();
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Activation and termination
+
+void AppDelegate::applicationWillTerminate() {
+    if (MetalView* view = _window ? _window->contentView() : nullptr) {
+        view->showCursorIfNeeded();
+    }
+}
+
+void AppDelegate::applicationDidResignActive() {
+    if (MetalView* view = _window ? _window->contentView() : nullptr) {
+        view->showCursorIfNeeded();
+    }
+}
+
+void AppDelegate::applicationDidBecomeActive() {
+    MetalView* view = _window ? _window->contentView() : nullptr;
+    if (view != nullptr && view->isRenderingStarted()) {
+        view->hideCursorIfNeeded();
+    }
+}
+
+int AppDelegate::exitStatus() const {
+    if (launchFailed_) {
+        return 1;
+    }
+    const MetalView* view = _window ? _window->contentView() : nullptr;
+    return view != nullptr && view->drawFailed() ? 1 : 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+// SDL events
+
+void AppDelegate::handleWindowEvent(const SDL_WindowEvent& event) {
+    if (!_window || event.windowID != SDL_GetWindowID(_window->handle())) {
+        return;
+    }
+    switch (event.event) {
+    case SDL_WINDOWEVENT_CLOSE:
+        // The one window closed is the last one.
+        if (applicationShouldTerminateAfterLastWindowClosed()) {
+            application_.terminate();
+        }
+        return;
+    case SDL_WINDOWEVENT_SIZE_CHANGED:
+        if (MetalView* view = _window->contentView()) {
+            view->setFrameSize(event.data1, event.data2);
+        }
+        break;
+    case SDL_WINDOWEVENT_FOCUS_GAINED:
+        applicationDidBecomeActive();
+        break;
+    case SDL_WINDOWEVENT_FOCUS_LOST:
+        applicationDidResignActive();
+        break;
+    default:
+        break;
+    }
+    noteFullScreenState();
+}
+
+void AppDelegate::handleKeyDown(const SDL_KeyboardEvent& event) {
+    MetalView* view = _window ? _window->contentView() : nullptr;
+    if (view == nullptr) {
+        return;
+    }
+    const KeyPress key = keyPressFrom(event);
+    // The menu's key equivalents see the key before the view does.
+    switch (menuKeyEquivalentFor(key)) {
+    case KeyAction::Terminate:
+        application_.terminate();
+        return;
+    case KeyAction::ToggleFullScreen:
+        toggleFullScreen();
+        return;
+    case KeyAction::PassOn:
+        break;
+    }
+    view->keyDown(key);
+}
+
+void AppDelegate::toggleFullScreen() {
+    SDL_Window* window = _window->handle();
+    const bool fullScreen = (SDL_GetWindowFlags(window) & SDL_WINDOW_FULLSCREEN) != 0;
+    if (SDL_SetWindowFullscreen(window, fullScreen ? 0 : SDL_WINDOW_FULLSCREEN_DESKTOP) != 0) {
+        systemLog(std::string("Toggle full screen failed: ") + SDL_GetError());
+    }
+    noteFullScreenState();
+}
+
+// The window has entered full screen when it is in full-screen mode and covers its display: the
+// request alone is not enough, a window manager may still be animating or may refuse it.
+void AppDelegate::noteFullScreenState() {
+    SDL_Window* window = _window->handle();
+    bool covers = false;
+    if ((SDL_GetWindowFlags(window) & SDL_WINDOW_FULLSCREEN) != 0) {
+        SDL_Rect display{};
+        int width = 0;
+        int height = 0;
+        const int index = SDL_GetWindowDisplayIndex(window);
+        SDL_GetWindowSize(window, &width, &height);
+        covers = index >= 0 && SDL_GetDisplayBounds(index, &display) == 0 && width == display.w &&
+                 height == display.h;
+    }
+    const bool entered = covers && !inFullScreen_;
+    inFullScreen_ = covers;
+    if (entered) {
+        windowDidEnterFullScreen();
+    }
+}
+
+} // namespace brisvale

@@ -1,0 +1,80 @@
+#pragma once
+
+// The application delegate: builds the one window and its render view, sends the window into
+// full screen shortly after launch, starts the show when full screen has been reached, keeps the
+// cursor hidden only while the show runs in front, and reports a failed launch. The event loop
+// (main.cpp) hands it each SDL event it cares about. Main thread only.
+
+#include <SDL2/SDL.h>
+
+#include <functional>
+#include <memory>
+
+#include "app/MainThreadQueue.h"
+#include "app/platform/MetalView.h"
+
+namespace brisvale {
+
+// The shared application: the one quit request the whole program raises.
+class Application {
+public:
+    void terminate() { terminating_ = true; }
+    bool isTerminating() const { return terminating_; }
+
+private:
+    bool terminating_ = false;
+};
+
+// The application's only window. It owns its content view, which goes before the window does.
+class Window {
+public:
+    explicit Window(SDL_Window* handle) : handle_(handle) {}
+    SDL_Window* handle() const { return handle_.get(); }
+    MetalView* contentView() const { return contentView_.get(); }
+    void setContentView(std::unique_ptr<MetalView> view);
+
+private:
+    struct Destroy {
+        void operator()(SDL_Window* w) const { SDL_DestroyWindow(w); }
+    };
+    std::unique_ptr<SDL_Window, Destroy> handle_;
+    std::unique_ptr<MetalView> contentView_;
+};
+
+class AppDelegate {
+public:
+    AppDelegate(Application& application, MainThreadQueue& mainQueue);
+    ~AppDelegate();
+    AppDelegate(const AppDelegate&) = delete;
+    AppDelegate& operator=(const AppDelegate&) = delete;
+
+    // Application and window notifications.
+    void applicationDidFinishLaunching();
+    void enterInitialFullscreen();
+    void windowDidEnterFullScreen();
+    bool applicationShouldTerminateAfterLastWindowClosed() const { return true; }
+    void applicationWillTerminate();
+    void applicationDidResignActive();
+    void applicationDidBecomeActive();
+
+    // SDL events, translated into the notifications above and the view's operations.
+    void handleWindowEvent(const SDL_WindowEvent& event);
+    void handleKeyDown(const SDL_KeyboardEvent& event);
+
+    // 0, or 1 after a failed launch or a frame that could not be drawn.
+    int exitStatus() const;
+
+private:
+    void toggleFullScreen();
+    void noteFullScreenState();
+
+    Application& application_;
+    MainThreadQueue& mainQueue_;
+    bool launchFailed_ = false;
+    bool inFullScreen_ = false;  // the window covers its display in full-screen mode
+
+    bool _didEnterInitialFullscreen = false;
+    std::unique_ptr<Window> _window;
+};
+
+} // namespace brisvale

@@ -1,0 +1,213 @@
+#include "app/platform/MetalView.h"
+
+#include <SDL2/SDL_vulkan.h>
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "app/BundleResource.h"
+#include "app/platform/SystemLog.h"
+#include "render/gpu/WindowSurface.h"
+
+namespace brisvale {
+namespace {
+
+namespace audio = pelora::gamedev::core;
+
+constexpr const char* kDemoResource = "demo.dat";
+constexpr const char* kDemoManifestPath = "demo.ini";
+
+// The instance extensions the window's surface needs. A window that cannot tell gives none, and
+// the device is then made without presentation, which the surface reports.
+std::vector<std::string> surfaceInstanceExtensions(SDL_Window* window) {
+    unsigned count = 0;
+    if (!SDL_Vulkan_GetInstanceExtensions(window, &count, nullptr)) {
+        return {};
+    }
+    std::vector<const char*> names(count);
+    if (!SDL_Vulkan_GetInstanceExtensions(window, &count, names.data())) {
+        return {};
+    }
+    return std::vector<std::string>(names.begin(), names.begin() + count);
+}
+
+} // namespace
+
+void MetalView::RendererRelease::operator()(Renderer* renderer) {
+    delete renderer;
+    // The surface's swapchain belongs to the device: surface first.
+    surface.reset();
+    device.reset();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Stage A
+
+MetalView::MetalView(ViewFrame frame, SDL_Window* hostWindow, MainThreadQueue& mainQueue,
+                     std::function<void()> terminate)
+    : mainQueue_(mainQueue), terminate_(std::move(terminate)), bounds_{frame.width, frame.height} {
+    try {
+        // A missing device is passed on: the renderer turns it into its own message.
+        gpu::DeviceOptions options;
+        options.instanceExtensions = surfaceInstanceExtensions(hostWindow);
+        _device = gpu::Device::create(options);
+        if (_device) {
+            _metalLayer = gpu::createWindowSurface(*_device, hostWindow);
+        }
+
+        const std::optional<std::string> path = bundleResourcePath(runningExecutableDirectory(), kDemoResource);
+        if (!path) {
+            throw std::runtime_error("Missing demo.dat in app bundle");
+        }
+        archive_ = DemoArchive::load(*path);
+        manifest_ = loadDemoManifest(*archive_, kDemoManifestPath);
+
+        MainThreadPoster postToMain = [&queue = mainQueue_](std::function<void()> task) {
+            queue.post(std::move(task));
+        };
+        renderer_ = std::unique_ptr<Renderer, RendererRelease>(
+            new Renderer(_device.get(), _metalLayer.get(), archive_, manifest_, std::move(postToMain)),
+            RendererRelease{_device, _metalLayer});
+
+        // No window yet: the main screen's scale applies.
+        updateDrawableSize();
+    } catch (...) {
+        // The partly built view tears down as the error leaves: nothing of stage B exists yet.
+        tearDown();
+        throw;
+    }
+}
+
+MetalView::~MetalView() { tearDown(); }
+
+void MetalView::viewDidMoveToWindow(SDL_Window* window) {
+    window_ = window;
+    int width = 0;
+    int height = 0;
+    SDL_GetWindowSize(window_, &width, &height);
+    setFrameSize(width, height);
+}
+
+void MetalView::setFrameSize(double width, double height) {
+    bounds_ = {width, height};
+    updateDrawableSize();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Window, screen, layer
+
+bool MetalView::windowIsFullScreen() const {
+    return window_ != nullptr && (SDL_GetWindowFlags(window_) & SDL_WINDOW_FULLSCREEN) != 0;
+}
+
+double MetalView::windowBackingScale() const {
+    if (window_ == nullptr) {
+        return 0.0;
+    }
+    int points = 0;
+    int pixels = 0;
+    int unused = 0;
+    SDL_GetWindowSize(window_, &points, &unused);
+    SDL_Vulkan_GetDrawableSize(window_, &pixels, &unused);
+    return points > 0 && pixels > 0 ? static_cast<double>(pixels) / points : 1.0;
+}
+
+double MetalView::mainScreenBackingScale() const {
+    // SDL 2 on X11 draws one pixel per point on every screen.
+    return 1.0;
+}
+
+DrawableSize MetalView::boundsInPoints() const { return bounds_; }
+
+void MetalView::setLayerDrawableSize(DrawableSize pixels) {
+    if (_metalLayer) {
+        const SurfaceSize size = surfaceSizeFor(pixels);
+        _metalLayer->setDrawableSize(size.width, size.height);
+    }
+}
+
+void MetalView::postToMainThread(std::function<void()> task) { mainQueue_.post(std::move(task)); }
+
+void MetalView::terminateApplication() { terminate_(); }
+
+void MetalView::toggleWindowFullScreen() {
+    if (window_ == nullptr) {
+        return;
+    }
+    const bool fullScreen = (SDL_GetWindowFlags(window_) & SDL_WINDOW_FULLSCREEN) != 0;
+    if (SDL_SetWindowFullscreen(window_, fullScreen ? 0 : SDL_WINDOW_FULLSCREEN_DESKTOP) != 0) {
+        brisvale::systemLog(std::string("Toggle full screen failed: ") + SDL_GetError());
+    }
+}
+
+void MetalView::passKeyOn(const KeyPress&) {
+    // Nothing lies behind the view in the responder chain; the menu has already seen the key.
+}
+
+void MetalView::hideSystemCursor() { SDL_ShowCursor(SDL_DISABLE); }
+
+void MetalView::showSystemCursor() { SDL_ShowCursor(SDL_ENABLE); }
+
+void MetalView::systemLog(std::string_view line) { brisvale::systemLog(line); }
+
+// ---------------------------------------------------------------------------------------------
+// Renderer
+
+bool MetalView::hasRenderer() const { return renderer_ != nullptr; }
+
+void MetalView::resizeRenderer(SurfaceSize size) { renderer_->resize(size); }
+
+void MetalView::drawWithRenderer(const FrameInfo& frame) { renderer_->draw(frame); }
+
+// ---------------------------------------------------------------------------------------------
+// Music
+
+std::span<const std::byte> MetalView::musicBytes() const {
+    return std::as_bytes(archive_->open(manifest_.audioPath));
+}
+
+int MetalView::loadSong(void* block, std::int64_t size) {
+    return audio::audio_song_load_from_memory(&audioSong_, block, size);
+}
+
+double MetalView::songDuration() { return audio::audio_song_duration(&audioSong_); }
+
+bool MetalView::createPlayer() {
+    audioPlayer_ = audio::audio_player_create(&audioSong_);
+    return audioPlayer_ != nullptr;
+}
+
+int MetalView::startPlayer() { return audio::audio_player_start(audioPlayer_); }
+
+bool MetalView::hasPlayer() const { return audioPlayer_ != nullptr; }
+
+void MetalView::destroyPlayer() {
+    audio::audio_player_destroy(audioPlayer_);
+    audioPlayer_ = nullptr;
+}
+
+void MetalView::destroySong() { audio::audio_song_destroy(&audioSong_); }
+
+// ---------------------------------------------------------------------------------------------
+// Display timer
+
+void MetalView::startDisplayTimer() {
+    SDL_DisplayMode mode{};
+    const int display = window_ != nullptr ? SDL_GetWindowDisplayIndex(window_) : 0;
+    const int reportedHz = SDL_GetCurrentDisplayMode(display < 0 ? 0 : display, &mode) == 0 ? mode.refresh_rate : 0;
+    // The timer's thread reaches the view by address; the view stops it before anything the tick
+    // touches is destroyed.
+    displayLink_ = std::make_unique<DisplayTimer>(DisplayTimer::refreshRateOr60(reportedHz),
+                                                  [this] { scheduleDrawFrame(); });
+    displayLink_->start();
+}
+
+bool MetalView::hasDisplayTimer() const { return displayLink_ != nullptr; }
+
+void MetalView::stopAndReleaseDisplayTimer() {
+    displayLink_->stop();
+    displayLink_.reset();
+}
+
+} // namespace brisvale

@@ -1,0 +1,116 @@
+// brisvale: the show player. Opens one window, goes full screen by itself, plays the show in
+// demo.dat (found beside the executable, or in ../share/brisvale/) and quits when it ends.
+//
+// The event loop is a script: set up SDL, the main queue and the delegate; launch; loop {
+// events, main-queue tasks, quit? }; then tear down in reverse.
+//
+// Exit status and the cases the show's rules leave open:
+//   0  the show ended (by itself, Escape, Ctrl+Q, closing the window).
+//   1  a failed launch ("Launch failed: %s" on stderr once and in the system log; no window is
+//      ever shown), an error escaping the event loop ("Fatal error: %s"), or a frame whose draw
+//      raised ("Frame failed: %s" in the system log, reported once; the renderer has given its
+//      in-flight slot back, and the show ends cleanly at once rather than hang or repeat).
+//   A music file missing from the archive (or failing to inflate) is reported as
+//   "Failed to load audio asset: <reason>"; the show then runs silent with no end time, and the
+//   display timer starts as always.
+//
+// Linux windows have no menu bar: the menu's two items live on as their key equivalents,
+// Ctrl+Q ("Quit Brisvale") and Ctrl+Return ("Toggle Full Screen"), Super in place of Ctrl where
+// the desktop passes it through; they see every key before the view (menuKeyEquivalentFor).
+
+#include <SDL2/SDL.h>
+
+#include <cstdio>
+#include <exception>
+#include <stdexcept>
+#include <string>
+
+#include "app/MainThreadQueue.h"
+#include "app/platform/AppDelegate.h"
+#include "app/platform/SystemLog.h"
+
+namespace brisvale {
+namespace {
+
+// SDL's video and event subsystems, for the life of the program.
+class SdlSession {
+public:
+    SdlSession() {
+        if (SDL_Init(SDL_INIT_VIDEO | SDL_INIT_EVENTS) != 0) {
+            throw std::runtime_error(std::string("Failed to initialise SDL: ") + SDL_GetError());
+        }
+        wakeEvent_ = SDL_RegisterEvents(1);
+        if (wakeEvent_ == static_cast<Uint32>(-1)) {
+            throw std::runtime_error("Failed to register the main queue's wake event");
+        }
+    }
+    ~SdlSession() { SDL_Quit(); }
+    SdlSession(const SdlSession&) = delete;
+    SdlSession& operator=(const SdlSession&) = delete;
+
+    // Any thread: wakes the event loop so that it runs the main queue.
+    void wakeEventLoop() const {
+        SDL_Event event{};
+        event.type = wakeEvent_;
+        SDL_PushEvent(&event);
+    }
+
+private:
+    Uint32 wakeEvent_ = 0;
+};
+
+// [EVENTS] One SDL event to its handler.
+void handleEvent(const SDL_Event& event, Application& application, AppDelegate& delegate) {
+    switch (event.type) {
+    case SDL_QUIT:  // also SIGINT and SIGTERM
+        application.terminate();
+        break;
+    case SDL_WINDOWEVENT:
+        delegate.handleWindowEvent(event.window);
+        break;
+    case SDL_KEYDOWN:
+        delegate.handleKeyDown(event.key);
+        break;
+    default:  // the main queue's wake event among others: its tasks run after the events
+        break;
+    }
+}
+
+int runApplication() {
+    SdlSession sdl;
+    MainThreadQueue mainQueue([&sdl] { sdl.wakeEventLoop(); });
+    Application application;
+    AppDelegate delegate(application, mainQueue);
+
+    delegate.applicationDidFinishLaunching();
+    while (!application.isTerminating()) {
+        SDL_Event event;
+        if (SDL_WaitEventTimeout(&event, mainQueue.millisecondsUntilNextDue())) {
+            do {
+                handleEvent(event, application, delegate);
+            } while (!application.isTerminating() && SDL_PollEvent(&event));
+        }
+        if (!application.isTerminating()) {
+            mainQueue.runPending();
+        }
+    }
+    delegate.applicationWillTerminate();
+    // Frame and pool-growth tasks still queued are dropped: the show is over.
+    mainQueue.dropAll();
+    return delegate.exitStatus();
+    // The delegate (window, view: display timer, player, song, renderer), the queue and SDL go
+    // here, in reverse order of their creation.
+}
+
+} // namespace
+} // namespace brisvale
+
+int main(int, char**) {
+    brisvale::SystemLogSession log;
+    try {
+        return brisvale::runApplication();
+    } catch (const std::exception& e) {
+        brisvale::systemLog(std::string("Fatal error: ") + e.what());
+        return 1;
+    }
+}
