@@ -1,0 +1,365 @@
+// Runs the built brisvale-pack on real directories and containers: round trips in every layout
+// and compression mode, determinism, listing, and each refusal with its exit status.
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <filesystem>
+#include <map>
+#include <random>
+#include <sstream>
+
+#include "content/ContentTestSupport.h"
+#include "content/ArchiveWriter.h"
+#include "content/DemoArchive.h"
+
+extern char** environ;
+
+namespace brisvale {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::readBytes;
+using testing::TempDir;
+using testing::toBytes;
+using testing::writeBytes;
+
+struct Result {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+std::string readText(const std::string& path) {
+    const auto bytes = readBytes(path);
+    return std::string(bytes.begin(), bytes.end());
+}
+
+// Runs brisvale-pack with `args`, capturing its exit status and both output streams.
+Result pack(const TempDir& scratch, std::vector<std::string> args) {
+    args.insert(args.begin(), BRISVALE_PACK_EXE);
+    std::vector<char*> argv;
+    for (std::string& arg : args) {
+        argv.push_back(arg.data());
+    }
+    argv.push_back(nullptr);
+    const std::string outPath = scratch.file("stdout.txt");
+    const std::string errPath = scratch.file("stderr.txt");
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    pid_t pid = 0;
+    const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    Result result;
+    if (spawned != 0) {
+        ADD_FAILURE() << "cannot run " << argv[0];
+        return result;
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    result.out = readText(outPath);
+    result.err = readText(errPath);
+    return result;
+}
+
+// Every regular file under `root` by relative path, with its bytes.
+std::map<std::string, std::vector<std::uint8_t>> snapshot(const fs::path& root) {
+    std::map<std::string, std::vector<std::uint8_t>> files;
+    for (const auto& entry : fs::recursive_directory_iterator(root)) {
+        if (entry.is_regular_file()) {
+            files[entry.path().lexically_relative(root).generic_string()] =
+                readBytes(entry.path().string());
+        }
+    }
+    return files;
+}
+
+// A directory of text and binary files, empty and nested, with awkward but legal names.
+void makeMixedTree(const fs::path& root) {
+    fs::create_directories(root / "shaders" / "lib");
+    fs::create_directories(root / "images" / "empty-dir");
+    fs::create_directories(root / "caf\xC3\xA9 dir");
+    std::string text;
+    for (int i = 0; i < 400; ++i) {
+        text += "vec4 colour" + std::to_string(i) + " = vec4(0.5);\r\n";
+    }
+    writeBytes((root / "shaders" / "main.glsl").string(), toBytes(text));
+    writeBytes((root / "shaders" / "lib" / "noise.glsl").string(), toBytes("float n;"));
+    std::mt19937 random(11);
+    std::vector<std::uint8_t> noise(20000);
+    for (auto& b : noise) {
+        b = static_cast<std::uint8_t>(random());
+    }
+    writeBytes((root / "images" / "noise.bin").string(), noise);
+    writeBytes((root / "images" / "zeros.raw").string(), std::vector<std::uint8_t>(30000, 0));
+    writeBytes((root / "empty.txt").string(), {});
+    writeBytes((root / "demo.ini").string(), toBytes("demo.timeline.audio = song.ogg\n"));
+    writeBytes((root / "caf\xC3\xA9 dir" / "a file.txt").string(), toBytes(std::string("nul\0byte", 8)));
+}
+
+class PackToolTest : public ::testing::Test {
+protected:
+    PackToolTest() {
+        source_ = scratch_.path() / "source";
+        makeMixedTree(source_);
+    }
+    std::string path(std::string_view name) const { return scratch_.file(name); }
+
+    TempDir scratch_;
+    fs::path source_;
+};
+
+// [round trips] ----------------------------------------------------------------------------
+
+TEST_F(PackToolTest, RoundTripsEveryLayoutAndMode) {
+    const auto original = snapshot(source_);
+    ASSERT_EQ(original.size(), 7u);
+    const std::vector<std::vector<std::string>> modes = {
+        {}, {"--compress", "all"}, {"--compress", "none"}, {"--compress", "auto"},
+        {"--format", "1"}, {"--format", "1", "--compress", "none"}, {"--format", "2"}};
+    int round = 0;
+    for (const auto& mode : modes) {
+        SCOPED_TRACE(::testing::PrintToString(mode));
+        const std::string archivePath = path("demo" + std::to_string(round) + ".dat");
+        std::vector<std::string> args = {"-o", archivePath};
+        args.insert(args.end(), mode.begin(), mode.end());
+        args.push_back(source_.string());
+        const Result packed = pack(scratch_, args);
+        ASSERT_EQ(packed.status, 0) << packed.err;
+        EXPECT_EQ(packed.err, "");
+        EXPECT_EQ(std::count(packed.out.begin(), packed.out.end(), '\n'), 1) << packed.out;
+
+        // The reader sees every file byte for byte, under its relative path.
+        const auto archive = DemoArchive::load(archivePath);
+        ASSERT_EQ(archive->entries().size(), original.size());
+        const bool versionOne = std::find(mode.begin(), mode.end(), "1") != mode.end();
+        EXPECT_EQ(readBytes(archivePath)[4], versionOne ? 1 : 2);
+        for (const auto& [name, bytes] : original) {
+            EXPECT_EQ(archive->readCopy(name), bytes) << name;
+            const bool gzip = (archive->entries().at(name).flags & DemoArchive::kGzipFlag) != 0;
+            if (versionOne || std::find(mode.begin(), mode.end(), "none") != mode.end()) {
+                EXPECT_FALSE(gzip) << name;
+            } else if (std::find(mode.begin(), mode.end(), "all") != mode.end()) {
+                EXPECT_TRUE(gzip) << name;
+            }
+        }
+
+        // Extracting gives the same tree back.
+        const std::string target = path("out" + std::to_string(round));
+        const Result extracted = pack(scratch_, {"--extract", archivePath, target});
+        ASSERT_EQ(extracted.status, 0) << extracted.err;
+        EXPECT_EQ(snapshot(target), original);
+        ++round;
+    }
+}
+
+TEST_F(PackToolTest, AutoCompressesOnlyWhatShrinks) {
+    ASSERT_EQ(pack(scratch_, {"-o", path("demo.dat"), source_.string()}).status, 0);
+    const auto archive = DemoArchive::load(path("demo.dat"));
+    auto gzip = [&](const std::string& name) {
+        return (archive->entries().at(name).flags & DemoArchive::kGzipFlag) != 0;
+    };
+    EXPECT_TRUE(gzip("shaders/main.glsl"));
+    EXPECT_TRUE(gzip("images/zeros.raw"));
+    EXPECT_FALSE(gzip("images/noise.bin"));
+    EXPECT_FALSE(gzip("empty.txt"));
+    EXPECT_FALSE(gzip("shaders/lib/noise.glsl"));
+}
+
+TEST_F(PackToolTest, OutputIsDeterministicAndSorted) {
+    ASSERT_EQ(pack(scratch_, {"-o", path("a.dat"), source_.string()}).status, 0);
+    // The same content written again, in another order and at another time.
+    const fs::path copy = scratch_.path() / "copy";
+    fs::create_directories(copy);
+    const auto files = snapshot(source_);
+    for (auto it = files.rbegin(); it != files.rend(); ++it) {
+        fs::create_directories((copy / it->first).parent_path());
+        writeBytes((copy / it->first).string(), it->second);
+    }
+    ASSERT_EQ(pack(scratch_, {"-o", path("b.dat"), copy.string()}).status, 0);
+    ASSERT_EQ(pack(scratch_, {"-o", path("c.dat"), source_.string() + "/"}).status, 0);
+    EXPECT_EQ(readBytes(path("a.dat")), readBytes(path("b.dat")));
+    EXPECT_EQ(readBytes(path("a.dat")), readBytes(path("c.dat")));
+
+    // Directory records appear in byte order of their paths.
+    const auto bytes = readBytes(path("a.dat"));
+    std::vector<std::string> names;
+    std::size_t cursor = 12;
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        const std::uint32_t length = bytes[cursor] | bytes[cursor + 1] << 8 |
+                                     bytes[cursor + 2] << 16 | bytes[cursor + 3] << 24;
+        names.emplace_back(reinterpret_cast<const char*>(&bytes[cursor + 32]), length);
+        cursor += 32 + length;
+    }
+    EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
+    EXPECT_EQ(names.size(), files.size());
+}
+
+TEST_F(PackToolTest, OutputInsideTheSourceIsNotPackedIntoItself) {
+    const std::string inside = (source_ / "demo.dat").string();
+    ASSERT_EQ(pack(scratch_, {"-o", inside, source_.string()}).status, 0);
+    const auto first = readBytes(inside);
+    ASSERT_EQ(pack(scratch_, {"-o", inside, source_.string()}).status, 0);
+    EXPECT_EQ(readBytes(inside), first);
+    EXPECT_FALSE(DemoArchive::load(inside)->contains("demo.dat"));
+}
+
+// [listing] --------------------------------------------------------------------------------
+
+TEST_F(PackToolTest, ListsEveryEntryAndTheTotal) {
+    ASSERT_EQ(pack(scratch_, {"-o", path("demo.dat"), source_.string()}).status, 0);
+    const Result listed = pack(scratch_, {"--list", path("demo.dat")});
+    ASSERT_EQ(listed.status, 0) << listed.err;
+    const auto archive = DemoArchive::load(path("demo.dat"));
+    std::ostringstream expected;
+    std::uint64_t stored = 0;
+    std::uint64_t unpacked = 0;
+    for (const auto& [name, entry] : archive->entries()) {
+        expected << name << '\t' << entry.storedSize << '\t' << archive->open(name).size() << '\t'
+                 << ((entry.flags & 1) ? "gzip" : "stored") << '\n';
+        stored += entry.storedSize;
+        unpacked += archive->open(name).size();
+    }
+    expected << "total: " << archive->entries().size() << " files\t" << stored << '\t' << unpacked
+             << '\n';
+    EXPECT_EQ(listed.out, expected.str());
+    EXPECT_NE(listed.out.find("images/noise.bin\t20000\t20000\tstored\n"), std::string::npos);
+}
+
+// [refusals] -------------------------------------------------------------------------------
+
+TEST_F(PackToolTest, BadCommandLinesAreUsageErrors) {
+    const Result help = pack(scratch_, {"--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_EQ(help.out.rfind("Usage:", 0), 0u);
+    const std::vector<std::vector<std::string>> bad = {
+        {},
+        {"--bogus"},
+        {"-o"},
+        {"-o", path("x.dat")},
+        {"-o", path("x.dat"), "--format", "3", source_.string()},
+        {"-o", path("x.dat"), "--compress", "some", source_.string()},
+        {"-o", path("x.dat"), "--format", "1", "--compress", "all", source_.string()},
+        {"--list"},
+        {"--list", "a", "b"},
+        {"--list", path("x.dat"), "--compress", "all"},
+        {"--extract", path("x.dat")},
+        {"--list", path("x.dat"), "-o", path("y.dat")},
+    };
+    for (const auto& args : bad) {
+        const Result result = pack(scratch_, args);
+        EXPECT_EQ(result.status, 2) << ::testing::PrintToString(args);
+        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+        EXPECT_EQ(result.err.rfind("brisvale-pack: ", 0), 0u) << result.err;
+    }
+    EXPECT_FALSE(fs::exists(path("x.dat")));
+    const Result formatOne =
+        pack(scratch_, {"-o", path("x.dat"), "--format", "1", "--compress", "all", source_.string()});
+    EXPECT_EQ(formatOne.err, "brisvale-pack: --compress all needs --format 2: format 1 stores files only\n");
+}
+
+TEST_F(PackToolTest, FailedPacksKeepThePreviousOutput) {
+    const std::string out = path("demo.dat");
+    ASSERT_EQ(pack(scratch_, {"-o", out, source_.string()}).status, 0);
+    const auto good = readBytes(out);
+
+    const Result missing = pack(scratch_, {"-o", out, path("nowhere")});
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_EQ(missing.err, "brisvale-pack: not a directory: " + path("nowhere") + "\n");
+    const Result file = pack(scratch_, {"-o", out, (source_ / "demo.ini").string()});
+    EXPECT_EQ(file.status, 1);
+    EXPECT_EQ(file.err, "brisvale-pack: not a directory: " + (source_ / "demo.ini").string() + "\n");
+
+    // /proc/self/mem is a regular file whose reading fails, even for root.
+    fs::create_symlink("/proc/self/mem", source_ / "unreadable");
+    const Result unreadable = pack(scratch_, {"-o", out, source_.string()});
+    EXPECT_EQ(unreadable.status, 1);
+    EXPECT_EQ(unreadable.err, "brisvale-pack: cannot read " + (source_ / "unreadable").string() +
+                                  ": Input/output error\n");
+    fs::remove(source_ / "unreadable");
+
+    // A name the archive would read as a different path.
+    writeBytes((source_ / "back\\slash.txt").string(), toBytes("x"));
+    const Result backslash = pack(scratch_, {"-o", out, source_.string()});
+    EXPECT_EQ(backslash.status, 1);
+    EXPECT_EQ(backslash.err, "brisvale-pack: cannot pack 'back\\slash.txt': its name would read "
+                             "as a different archive path\n");
+
+    EXPECT_EQ(readBytes(out), good);
+    EXPECT_EQ(std::distance(fs::directory_iterator(scratch_.path()), fs::directory_iterator()),
+              4) // source, demo.dat, stdout.txt, stderr.txt: no temporary left behind
+        << "stray files in " << scratch_.path();
+}
+
+TEST_F(PackToolTest, ArchivesThatFailToLoadReportTheReadersMessage) {
+    writeBytes(path("short.dat"), toBytes("BDAT"));
+    const Result shortFile = pack(scratch_, {"--list", path("short.dat")});
+    EXPECT_EQ(shortFile.status, 1);
+    EXPECT_EQ(shortFile.err, "brisvale-pack: Invalid demo archive: " + path("short.dat") + "\n");
+
+    auto bytes = writeArchive({{"a", toBytes("x")}}, {1, ArchiveCompression::None});
+    bytes[20] = 0xFF; // the data offset now lies past the end
+    writeBytes(path("corrupt.dat"), bytes);
+    const Result corrupt = pack(scratch_, {"--extract", path("corrupt.dat"), path("x")});
+    EXPECT_EQ(corrupt.status, 1);
+    EXPECT_EQ(corrupt.err, "brisvale-pack: Corrupt demo archive directory\n");
+
+    const Result absent = pack(scratch_, {"--list", path("absent.dat")});
+    EXPECT_EQ(absent.err, "brisvale-pack: Failed to open demo archive: " + path("absent.dat") + "\n");
+}
+
+TEST_F(PackToolTest, ExtractRefusesEntriesThatNameNothingOrEscape) {
+    // A record named "." is stored under the empty key.
+    writeArchiveFile(path("root.dat"), {{"ok.txt", toBytes("ok")}, {".", toBytes("root")}});
+    const Result empty = pack(scratch_, {"--extract", path("root.dat"), path("x")});
+    EXPECT_EQ(empty.status, 1);
+    EXPECT_EQ(empty.err, "brisvale-pack: refusing an entry with an empty path in " +
+                             path("root.dat") + "\n");
+    EXPECT_FALSE(fs::exists(path("x") + "/ok.txt"));
+
+    // A symbolic link inside the target leads outside: nothing is written through it.
+    const fs::path target = scratch_.path() / "target";
+    const fs::path outside = scratch_.path() / "outside";
+    fs::create_directories(target);
+    fs::create_directories(outside);
+    fs::create_directory_symlink(outside, target / "link");
+    writeArchiveFile(path("escape.dat"), {{"link/evil.txt", toBytes("evil")}});
+    const Result escape = pack(scratch_, {"--extract", path("escape.dat"), target.string()});
+    EXPECT_EQ(escape.status, 1);
+    EXPECT_NE(escape.err.find("refusing 'link/evil.txt'"), std::string::npos) << escape.err;
+    EXPECT_TRUE(fs::is_empty(outside));
+
+    // Nor through a link in place of the file itself.
+    writeBytes((outside / "victim.txt").string(), toBytes("safe"));
+    fs::create_symlink(outside / "victim.txt", target / "file.txt");
+    writeArchiveFile(path("file.dat"), {{"file.txt", toBytes("overwritten")}});
+    const Result file = pack(scratch_, {"--extract", path("file.dat"), target.string()});
+    EXPECT_EQ(file.status, 1);
+    EXPECT_EQ(readText((outside / "victim.txt").string()), "safe");
+
+    // Backslashes and dot segments in stored names land under their canonical paths.
+    writeArchiveFile(path("odd.dat"), {{"..\\..\\up.txt", toBytes("u")}, {"a\\b/./c", toBytes("c")}});
+    const Result odd = pack(scratch_, {"--extract", path("odd.dat"), path("odd")});
+    ASSERT_EQ(odd.status, 0) << odd.err;
+    EXPECT_EQ((snapshot(path("odd"))), (std::map<std::string, std::vector<std::uint8_t>>{
+                                           {"a/b/c", toBytes("c")}, {"up.txt", toBytes("u")}}));
+}
+
+TEST_F(PackToolTest, ExtractReportsDamagedContent) {
+    auto bytes = writeArchive({{"t.txt", toBytes(std::string(5000, 't'))}},
+                              {2, ArchiveCompression::All});
+    bytes[bytes.size() - 3] ^= 0x55; // inside the gzip trailer's size field
+    writeBytes(path("bad.dat"), bytes);
+    const Result result = pack(scratch_, {"--extract", path("bad.dat"), path("x")});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "brisvale-pack: Failed to decompress demo archive entry\n");
+}
+
+} // namespace
+} // namespace brisvale
