@@ -1,0 +1,260 @@
+// One frame: drawable, in-flight slot, phase, compute pass, scene pass, composite pass,
+// presentation and the completion handlers; and the depth target that follows the drawable.
+//
+// [SECTION] Phases
+// [SECTION] Draw
+// [SECTION] Passes
+// [SECTION] Completion handlers
+// [SECTION] Depth target
+
+#include "render/RendererImpl.h"
+
+#include "render/ShaderInterface.h"
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
+namespace brisvale {
+namespace {
+
+constexpr const char* kCommandBufferFailed = "Metal command buffer failed: %s\n";
+constexpr const char* kNoDepthTexture = "Failed to create depth texture";
+constexpr float kClearColor[4] = {0.02f, 0.02f, 0.025f, 1.0f};
+
+PassParams passParams(std::uint32_t index) {
+    PassParams params;
+    params.passIndex = index;
+    return params;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Phases
+// ---------------------------------------------------------------------------------------------
+
+FramePhase phaseForTime(float t) {
+    // A NaN fails both comparisons and lands in the middle.
+    if (t < renderer_limits::kIntroEndSeconds) return FramePhase::Intro;
+    if (t >= renderer_limits::kFinaleStartSeconds) return FramePhase::Finale;
+    return FramePhase::Middle;
+}
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Draw
+// ---------------------------------------------------------------------------------------------
+
+void Renderer::Impl::draw(const FrameInfo& frame) {
+    using namespace shader_interface;
+
+    // The drawable first: a frame without one leaves every slot and index as it was.
+    if (!layer->nextDrawable(drawable)) return;
+    inFlightSemaphore.acquire();
+    try {
+        ensureDepthTexture(drawable.texture->width(), drawable.texture->height());
+    } catch (...) {
+        inFlightSemaphore.release();  // the caller may go on drawing
+        throw;
+    }
+
+    // The slot three frames back has completed (the semaphore, and handlers run in order), so
+    // its command buffer, descriptor sets and keep-alives are free again.
+    const std::uint32_t slotIndex = requestBufferIndex;
+    FrameSlot& slot = slots[slotIndex];
+    gpu::CommandBuffer& commands = commandQueue->buffer(slotIndex);
+    slot.request = geometryRequestBuffers[requestBufferIndex];
+    requestBufferIndex = (requestBufferIndex + 1) % renderer_limits::kFramesInFlight;
+
+    const FramePhase phase = phaseForTime(frame.timeSeconds);
+    const bool runsCompute = phase != FramePhase::Middle;
+    const std::uint32_t capacity = vertexCapacity.load();
+
+    FramePushConstants constants;
+    constants.scene.resolution = {static_cast<float>(surfaceSize.width), static_cast<float>(surfaceSize.height)};
+    constants.scene.timeSeconds = frame.timeSeconds;
+    constants.scene.deltaSeconds = frame.deltaSeconds;
+    constants.scene.showDurationSeconds = frame.showDurationSeconds;
+    constants.scene.renderEndSeconds = frame.renderEndSeconds;
+    constants.scene.vertexCapacity = capacity;
+    constants.scene.imageCount = imageCount;
+
+    // Descriptor sets of this slot: no frame in flight uses them now.
+    gpu::DescriptorSetWriter(*device, slot.sceneSet)
+        .storageBuffer(kVertexPoolBinding, *generatedVertexBuffer)
+        .storageBuffer(kIndirectArgumentsBinding, *indirectDrawArgumentBuffer)
+        .storageBuffer(kGeometryRequestBinding, *slot.request)
+        .sampledTexture(kImageArrayBinding, *imageTextureArray, *imageSampler, VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL)
+        .sampledTexture(kSceneDepthBinding, *depthPlaceholder, *depthSampler, VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL)
+        .commit();
+    if (phase == FramePhase::Finale) {
+        gpu::DescriptorSetWriter(*device, slot.compositeSet)
+            .storageBuffer(kVertexPoolBinding, *generatedVertexBuffer)
+            .storageBuffer(kIndirectArgumentsBinding, *indirectDrawArgumentBuffer)
+            .storageBuffer(kGeometryRequestBinding, *slot.request)
+            .sampledTexture(kImageArrayBinding, *imageTextureArray, *imageSampler,
+                            VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL)
+            .sampledTexture(kSceneDepthBinding, *depthTexture, *depthSampler, VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL)
+            .commit();
+    }
+
+    commands.begin();
+    layer->encodeBegin(commands, drawable);
+
+    // -----------------------------------------------------------------------------------------
+    // [SECTION] Passes
+    // -----------------------------------------------------------------------------------------
+    const gpu::PipelineLayout& layout = *pipelineLayout;
+    if (runsCompute) {
+        // Earlier frames' draws read the pool and the arguments; their compute passes wrote them.
+        commands.memoryBarrier(VK_PIPELINE_STAGE_2_VERTEX_SHADER_BIT | VK_PIPELINE_STAGE_2_DRAW_INDIRECT_BIT |
+                                   VK_PIPELINE_STAGE_2_COMPUTE_SHADER_BIT,
+                               VK_ACCESS_2_SHADER_STORAGE_WRITE_BIT, VK_PIPELINE_STAGE_2_COMPUTE_SHADER_BIT,
+                               VK_ACCESS_2_SHADER_STORAGE_READ_BIT | VK_ACCESS_2_SHADER_STORAGE_WRITE_BIT);
+        commands.bindCompute(*computePipelineState, layout, slot.sceneSet);
+        commands.pushConstants(layout, 0, sizeof(constants), &constants);
+        commands.dispatch((capacity + threadExecutionWidth - 1) / threadExecutionWidth);
+        // The draws read what compute wrote; the completion handler reads the request record.
+        commands.memoryBarrier(VK_PIPELINE_STAGE_2_COMPUTE_SHADER_BIT, VK_ACCESS_2_SHADER_STORAGE_WRITE_BIT,
+                               VK_PIPELINE_STAGE_2_DRAW_INDIRECT_BIT | VK_PIPELINE_STAGE_2_VERTEX_SHADER_BIT |
+                                   VK_PIPELINE_STAGE_2_FRAGMENT_SHADER_BIT | VK_PIPELINE_STAGE_2_HOST_BIT,
+                               VK_ACCESS_2_INDIRECT_COMMAND_READ_BIT | VK_ACCESS_2_SHADER_STORAGE_READ_BIT |
+                                   VK_ACCESS_2_HOST_READ_BIT);
+    }
+
+    // Scene pass. The depth target is cleared, so its old contents (and layout) do not matter.
+    gpu::ImageTransition depthForScene;
+    depthForScene.srcStage = VK_PIPELINE_STAGE_2_EARLY_FRAGMENT_TESTS_BIT |
+                             VK_PIPELINE_STAGE_2_LATE_FRAGMENT_TESTS_BIT | VK_PIPELINE_STAGE_2_FRAGMENT_SHADER_BIT;
+    depthForScene.srcAccess = VK_ACCESS_2_DEPTH_STENCIL_ATTACHMENT_WRITE_BIT;
+    depthForScene.dstStage = VK_PIPELINE_STAGE_2_EARLY_FRAGMENT_TESTS_BIT | VK_PIPELINE_STAGE_2_LATE_FRAGMENT_TESTS_BIT;
+    depthForScene.dstAccess =
+        VK_ACCESS_2_DEPTH_STENCIL_ATTACHMENT_READ_BIT | VK_ACCESS_2_DEPTH_STENCIL_ATTACHMENT_WRITE_BIT;
+    depthForScene.newLayout = VK_IMAGE_LAYOUT_DEPTH_ATTACHMENT_OPTIMAL;
+    gpu::transitionTexture(commands.handle(), *depthTexture, depthForScene);
+
+    gpu::ColorTarget color;
+    color.texture = drawable.texture;
+    color.clear = true;
+    for (int i = 0; i < 4; ++i) color.clearColor[i] = kClearColor[i];
+    commands.beginRendering(color, gpu::DepthTarget{depthTexture.get(), 1.0f});
+    commands.setViewport(drawable.texture->width(), drawable.texture->height());
+    commands.bindRender(*scenePipelineState, layout, slot.sceneSet);
+    commands.setDepthState(false, false, VK_COMPARE_OP_ALWAYS);  // no depth-stencil state set yet
+    commands.pushConstants(layout, 0, sizeof(SceneUniforms), &constants.scene);
+    if (phase == FramePhase::Intro) {
+        const PassParams triangles = passParams(kPassGeneratedTriangles);
+        commands.pushConstants(layout, sizeof(SceneUniforms), sizeof(PassParams), &triangles);
+        commands.setTopology(VK_PRIMITIVE_TOPOLOGY_TRIANGLE_LIST);
+        commands.drawIndirect(*indirectDrawArgumentBuffer);
+    }
+    const PassParams quad = passParams(kPassSceneQuad);
+    commands.pushConstants(layout, sizeof(SceneUniforms), sizeof(PassParams), &quad);
+    commands.setTopology(VK_PRIMITIVE_TOPOLOGY_TRIANGLE_STRIP);
+    commands.draw(kQuadVertexCount);
+    if (phase == FramePhase::Finale) {
+        commands.setDepthState(depthStencilState->depthTest, depthStencilState->depthWrite, depthStencilState->compare);
+        const PassParams triangles = passParams(kPassGeneratedTriangles);
+        commands.pushConstants(layout, sizeof(SceneUniforms), sizeof(PassParams), &triangles);
+        commands.setTopology(VK_PRIMITIVE_TOPOLOGY_TRIANGLE_LIST);
+        commands.drawIndirect(*indirectDrawArgumentBuffer);
+    }
+    commands.endRendering();
+
+    // Composite pass: a quad over the scene that samples this frame's depth.
+    if (phase == FramePhase::Finale) {
+        gpu::ImageTransition depthForSampling;
+        depthForSampling.srcStage = VK_PIPELINE_STAGE_2_EARLY_FRAGMENT_TESTS_BIT |
+                                    VK_PIPELINE_STAGE_2_LATE_FRAGMENT_TESTS_BIT;
+        depthForSampling.srcAccess = VK_ACCESS_2_DEPTH_STENCIL_ATTACHMENT_WRITE_BIT;
+        depthForSampling.dstStage = VK_PIPELINE_STAGE_2_FRAGMENT_SHADER_BIT;
+        depthForSampling.dstAccess = VK_ACCESS_2_SHADER_SAMPLED_READ_BIT;
+        depthForSampling.oldLayout = VK_IMAGE_LAYOUT_DEPTH_ATTACHMENT_OPTIMAL;
+        depthForSampling.newLayout = VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL;
+        gpu::transitionTexture(commands.handle(), *depthTexture, depthForSampling);
+        commands.memoryBarrier(VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT, VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT,
+                               VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT,
+                               VK_ACCESS_2_COLOR_ATTACHMENT_READ_BIT | VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT);
+
+        gpu::ColorTarget loaded;
+        loaded.texture = drawable.texture;
+        loaded.clear = false;
+        commands.beginRendering(loaded, gpu::DepthTarget{});
+        commands.setViewport(drawable.texture->width(), drawable.texture->height());
+        commands.bindRender(*compositePipelineState, layout, slot.compositeSet);
+        constants.pass = passParams(kPassCompositeQuad);
+        commands.pushConstants(layout, 0, sizeof(constants), &constants);
+        commands.setTopology(VK_PRIMITIVE_TOPOLOGY_TRIANGLE_STRIP);
+        commands.draw(kQuadVertexCount);
+        commands.endRendering();
+    }
+
+    layer->encodePresent(commands, drawable);
+    commands.end();
+
+    // Replaced buffers and textures stay alive until this frame is back.
+    slot.vertexPool = generatedVertexBuffer;
+    slot.indirectArguments = indirectDrawArgumentBuffer;
+    slot.depth = depthTexture;
+    slot.drawable = drawable.keepAlive;
+    slot.feedback = runsCompute && capacity < renderer_limits::kMaxVertexCapacity;
+
+    const VkResult result = commands.submit(gpu::SubmitSync{drawable.wait, drawable.waitStage, drawable.signal});
+    if (result != VK_SUCCESS) {
+        std::fprintf(stderr, kCommandBufferFailed, gpu::resultName(result));
+        inFlightSemaphore.release();
+        return;
+    }
+    device->completions().watch(commands.fence(), &slot);
+    layer->present(drawable);
+}
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Completion handlers (completion thread)
+// ---------------------------------------------------------------------------------------------
+
+void Renderer::Impl::FrameSlot::frameCompleted(const gpu::CompletionStatus& status) {
+    if (feedback) {
+        owner->feedbackHandler(status, *request);
+    } else {
+        owner->plainHandler(status);
+    }
+}
+
+void Renderer::Impl::plainHandler(const gpu::CompletionStatus& status) {
+    if (status.failed) std::fprintf(stderr, kCommandBufferFailed, status.description);
+    inFlightSemaphore.release();
+}
+
+void Renderer::Impl::feedbackHandler(const gpu::CompletionStatus& status, gpu::Buffer& request) {
+    if (status.failed) std::fprintf(stderr, kCommandBufferFailed, status.description);
+    // Read before the slot is returned: the frame that reuses this record waits for the slot.
+    request.invalidate();
+    GeometryRequest record;
+    std::memcpy(&record, request.data(), sizeof(record));
+    if (record.overflowFlag != 0 && record.requestedVertexCount > vertexCapacity.load() && postToMain) {
+        std::weak_ptr<Impl*> token = lifeToken;
+        const std::uint32_t requested = record.requestedVertexCount;
+        postToMain([token, requested] {
+            if (auto alive = token.lock()) (*alive)->growGeometryBuffersIfNeeded(requested);
+        });
+    }
+    inFlightSemaphore.release();
+}
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Depth target
+// ---------------------------------------------------------------------------------------------
+
+void Renderer::Impl::ensureDepthTexture(std::uint64_t width, std::uint64_t height) {
+    if (depthTexture && depthTexture->width() == width && depthTexture->height() == height) return;
+    gpu::TextureDescription description;
+    description.format = VK_FORMAT_D32_SFLOAT;
+    description.width = static_cast<std::uint32_t>(width);
+    description.height = static_cast<std::uint32_t>(height);
+    description.usage = VK_IMAGE_USAGE_DEPTH_STENCIL_ATTACHMENT_BIT | VK_IMAGE_USAGE_SAMPLED_BIT;
+    depthTexture = gpu::Texture::create(*device, description);  // frames in flight keep the old one
+    require(depthTexture, kNoDepthTexture);
+}
+
+} // namespace brisvale

@@ -1,0 +1,75 @@
+// The image texture array: one 1024 × 1024 RGBA8 layer per image of the asset manifest, decoded,
+// squeezed to the square, premultiplied, and uploaded through a staging buffer at start-up.
+
+#include "render/RendererImpl.h"
+
+#include "content/AssetManifest.h"
+#include "render/ImageDecode.h"
+
+#include <cstring>
+
+namespace brisvale {
+namespace {
+
+constexpr const char* kNoImagePaths = "Asset manifest does not define any image paths";
+constexpr const char* kNoImageArray = "Failed to create image texture array";
+constexpr const char* kNoUploadBuffer = "Failed to create bitmap context for texture upload";
+
+} // namespace
+
+void Renderer::Impl::loadTextureArray() {
+    const std::vector<std::string> paths = loadImagePaths(*archive, manifest.assetManifestPath);
+    if (paths.empty()) throw std::runtime_error(kNoImagePaths);
+    imageCount = static_cast<std::uint32_t>(paths.size());
+
+    gpu::TextureDescription description;
+    description.format = VK_FORMAT_R8G8B8A8_UNORM;
+    description.width = renderer_limits::kImageEdge;
+    description.height = renderer_limits::kImageEdge;
+    description.layers = imageCount;
+    description.array = true;
+    description.usage = VK_IMAGE_USAGE_SAMPLED_BIT | VK_IMAGE_USAGE_TRANSFER_DST_BIT | VK_IMAGE_USAGE_TRANSFER_SRC_BIT;
+    imageTextureArray = gpu::Texture::create(*device, description);
+    require(imageTextureArray, kNoImageArray);
+
+    for (std::uint32_t slice = 0; slice < imageCount; ++slice) {
+        loadTextureSlice(paths[slice], slice, renderer_limits::kImageEdge);
+    }
+}
+
+void Renderer::Impl::loadTextureSlice(const std::string& path, std::uint32_t slice, std::uint64_t size) {
+    const ArchiveBytes bytes = archive->open(path);
+    const std::uint32_t edge = static_cast<std::uint32_t>(size);
+    const std::vector<std::uint8_t> pixels = decodeImageToSquare(bytes.data(), bytes.size(), edge, path);
+
+    const VkDeviceSize layerBytes = VkDeviceSize(edge) * edge * 4;
+    auto staging = gpu::Buffer::create(*device, layerBytes, VK_BUFFER_USAGE_TRANSFER_SRC_BIT,
+                                       gpu::BufferMemory::HostVisible);
+    require(staging, kNoUploadBuffer);
+    std::memcpy(staging->data(), pixels.data(), layerBytes);
+    staging->flush();
+
+    const gpu::Texture& array = *imageTextureArray;
+    device->runNow([&](VkCommandBuffer commands) {
+        gpu::ImageTransition toCopy;
+        toCopy.dstStage = VK_PIPELINE_STAGE_2_COPY_BIT;
+        toCopy.dstAccess = VK_ACCESS_2_TRANSFER_WRITE_BIT;
+        toCopy.newLayout = VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL;
+        gpu::transitionImage(commands, array.image(), VK_IMAGE_ASPECT_COLOR_BIT, toCopy, slice, 1);
+        VkBufferImageCopy region{};
+        region.imageSubresource = {VK_IMAGE_ASPECT_COLOR_BIT, 0, slice, 1};
+        region.imageExtent = {edge, edge, 1};
+        vkCmdCopyBufferToImage(commands, staging->handle(), array.image(), VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL, 1,
+                               &region);
+        gpu::ImageTransition toSample;
+        toSample.srcStage = VK_PIPELINE_STAGE_2_COPY_BIT;
+        toSample.srcAccess = VK_ACCESS_2_TRANSFER_WRITE_BIT;
+        toSample.dstStage = VK_PIPELINE_STAGE_2_FRAGMENT_SHADER_BIT;
+        toSample.dstAccess = VK_ACCESS_2_SHADER_SAMPLED_READ_BIT;
+        toSample.oldLayout = VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL;
+        toSample.newLayout = VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL;
+        gpu::transitionImage(commands, array.image(), VK_IMAGE_ASPECT_COLOR_BIT, toSample, slice, 1);
+    });
+}
+
+} // namespace brisvale

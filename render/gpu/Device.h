@@ -1,0 +1,88 @@
+#pragma once
+// The GPU device: Vulkan instance (with the validation layer when asked for), the chosen physical
+// device (discrete > integrated > virtual > CPU), the logical device, its one queue, and the
+// completion thread that runs frame handlers. Everything else in gpu/ is made from a Device.
+
+#include "render/gpu/Vk.h"
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace brisvale::gpu {
+
+class CompletionThread;
+
+struct DeviceOptions {
+    std::vector<std::string> instanceExtensions;  // e.g. from SDL_Vulkan_GetInstanceExtensions
+    bool validation = false;                      // Khronos validation layer + a messenger that counts
+};
+
+class Device {
+public:
+    // nullptr when there is no usable Vulkan 1.3 device. BRISVALE_VULKAN_VALIDATION=1 in the
+    // environment turns validation on as well (for the tools).
+    static std::unique_ptr<Device> create(const DeviceOptions& options);
+    ~Device();
+    Device(const Device&) = delete;
+    Device& operator=(const Device&) = delete;
+
+    // Validation messages seen so far (each is printed to stderr as it arrives).
+    std::uint32_t validationMessageCount() const { return validationMessages_.load(); }
+    bool validationEnabled() const { return messenger_ != VK_NULL_HANDLE; }
+
+    VkInstance instance() const { return instance_; }
+    VkPhysicalDevice physicalDevice() const { return physicalDevice_; }
+    VkDevice handle() const { return device_; }
+    std::uint32_t queueFamily() const { return queueFamily_; }
+    const VkPhysicalDeviceProperties& properties() const { return properties_; }
+    bool supportsSwapchain() const { return swapchainEnabled_; }
+
+    // A memory type allowed by typeBits with every `required` flag, preferring one that also has
+    // the `preferred` flags.
+    std::optional<std::uint32_t> findMemoryType(std::uint32_t typeBits, VkMemoryPropertyFlags required,
+                                                VkMemoryPropertyFlags preferred) const;
+    bool isHostCoherent(std::uint32_t memoryType) const;
+    VkDeviceSize nonCoherentAtomSize() const { return properties_.limits.nonCoherentAtomSize; }
+
+    // The queue is shared by the renderer, the surfaces and one-shot work; these serialise it.
+    VkResult submit(const VkSubmitInfo2& info, VkFence fence);
+    VkResult present(const VkPresentInfoKHR& info);
+    void waitIdle();
+
+    // Records one-shot work (uploads, clears, readbacks), submits it and waits for it.
+    void runNow(const std::function<void(VkCommandBuffer)>& record);
+
+    CompletionThread& completions() { return *completions_; }
+
+private:
+    Device() = default;
+    static VKAPI_ATTR VkBool32 VKAPI_CALL onMessage(VkDebugUtilsMessageSeverityFlagBitsEXT severity,
+                                                    VkDebugUtilsMessageTypeFlagsEXT types,
+                                                    const VkDebugUtilsMessengerCallbackDataEXT* data,
+                                                    void* user);
+
+    VkInstance instance_ = VK_NULL_HANDLE;
+    VkDebugUtilsMessengerEXT messenger_ = VK_NULL_HANDLE;
+    VkPhysicalDevice physicalDevice_ = VK_NULL_HANDLE;
+    VkPhysicalDeviceProperties properties_{};
+    VkPhysicalDeviceMemoryProperties memory_{};
+    VkDevice device_ = VK_NULL_HANDLE;
+    std::uint32_t queueFamily_ = 0;
+    VkQueue queue_ = VK_NULL_HANDLE;
+    bool swapchainEnabled_ = false;
+    // Written by the messenger callback on whichever thread made the call.
+    std::atomic<std::uint32_t> validationMessages_{0};
+    // queueMutex_ guards queue_ (submit, present, wait idle) and oneShotPool_: Vulkan asks for
+    // external synchronisation of both; the main thread and tools' readbacks use them.
+    std::mutex queueMutex_;
+    VkCommandPool oneShotPool_ = VK_NULL_HANDLE;
+    std::unique_ptr<CompletionThread> completions_;
+};
+
+} // namespace brisvale::gpu

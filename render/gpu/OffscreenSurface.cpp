@@ -1,0 +1,115 @@
+#include "render/gpu/OffscreenSurface.h"
+
+#include "render/gpu/Buffer.h"
+#include "render/gpu/CommandBuffer.h"
+#include "render/gpu/Device.h"
+#include "render/gpu/Texture.h"
+
+#include <cstring>
+#include <stdexcept>
+
+namespace brisvale::gpu {
+
+OffscreenSurface::OffscreenSurface(Device& device, std::uint32_t width, std::uint32_t height)
+    : device_(device), width_(width == 0 ? 1 : width), height_(height == 0 ? 1 : height) {}
+
+OffscreenSurface::~OffscreenSurface() = default;
+
+void OffscreenSurface::setDrawableSize(std::uint32_t width, std::uint32_t height) {
+    width_ = width == 0 ? 1 : width;
+    height_ = height == 0 ? 1 : height;
+}
+
+bool OffscreenSurface::nextDrawable(Drawable& drawable) {
+    if (!available_) return false;
+    auto& image = images_[next_];
+    if (!image || image->width() != width_ || image->height() != height_) {
+        TextureDescription description;
+        description.format = kFormat;
+        description.width = width_;
+        description.height = height_;
+        description.usage = VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT | VK_IMAGE_USAGE_TRANSFER_SRC_BIT |
+                            VK_IMAGE_USAGE_SAMPLED_BIT;
+        // The old image stays alive through the keep-alive of the frames that used it.
+        std::shared_ptr<Texture> created = Texture::create(device_, description);
+        if (!created) return false;
+        image = std::move(created);
+    }
+    drawable = Drawable{};
+    drawable.texture = image.get();
+    drawable.keepAlive = image;
+    drawable.index = static_cast<std::uint32_t>(next_);
+    next_ = (next_ + 1) % kRing;
+    return true;
+}
+
+void OffscreenSurface::encodePresent(CommandBuffer& commands, const Drawable& drawable) {
+    ImageTransition transition;
+    transition.srcStage = VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT;
+    transition.srcAccess = VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT;
+    transition.dstStage = VK_PIPELINE_STAGE_2_ALL_TRANSFER_BIT;
+    transition.dstAccess = VK_ACCESS_2_TRANSFER_READ_BIT;
+    transition.oldLayout = VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL;
+    transition.newLayout = VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL;
+    transitionTexture(commands.handle(), *drawable.texture, transition);
+}
+
+void OffscreenSurface::present(const Drawable& drawable) {
+    lastPresented_ = images_[drawable.index];
+    ++presented_;
+}
+
+std::uint32_t OffscreenSurface::presentedWidth() const {
+    return lastPresented_ ? lastPresented_->width() : 0;
+}
+
+std::uint32_t OffscreenSurface::presentedHeight() const {
+    return lastPresented_ ? lastPresented_->height() : 0;
+}
+
+std::vector<std::uint8_t> OffscreenSurface::readbackRGBA() {
+    if (!lastPresented_) return {};
+    const Texture& image = *lastPresented_;
+    const VkDeviceSize bytes = VkDeviceSize(image.width()) * image.height() * 4;
+    auto readback = Buffer::create(device_, bytes, VK_BUFFER_USAGE_TRANSFER_DST_BIT, BufferMemory::HostReadback);
+    if (!readback) throw std::runtime_error("Failed to create readback buffer");
+    device_.runNow([&](VkCommandBuffer commands) {
+        // The presenting frame left the image in TRANSFER_SRC_OPTIMAL; wait for all of its work.
+        VkMemoryBarrier2 before{};
+        before.sType = VK_STRUCTURE_TYPE_MEMORY_BARRIER_2;
+        before.srcStageMask = VK_PIPELINE_STAGE_2_ALL_COMMANDS_BIT;
+        before.srcAccessMask = VK_ACCESS_2_MEMORY_WRITE_BIT;
+        before.dstStageMask = VK_PIPELINE_STAGE_2_COPY_BIT;
+        before.dstAccessMask = VK_ACCESS_2_TRANSFER_READ_BIT;
+        VkDependencyInfo dependency{};
+        dependency.sType = VK_STRUCTURE_TYPE_DEPENDENCY_INFO;
+        dependency.memoryBarrierCount = 1;
+        dependency.pMemoryBarriers = &before;
+        vkCmdPipelineBarrier2(commands, &dependency);
+        VkBufferImageCopy region{};
+        region.imageSubresource = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 0, 1};
+        region.imageExtent = {image.width(), image.height(), 1};
+        vkCmdCopyImageToBuffer(commands, image.image(), VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL, readback->handle(), 1,
+                               &region);
+        VkMemoryBarrier2 after{};
+        after.sType = VK_STRUCTURE_TYPE_MEMORY_BARRIER_2;
+        after.srcStageMask = VK_PIPELINE_STAGE_2_COPY_BIT;
+        after.srcAccessMask = VK_ACCESS_2_TRANSFER_WRITE_BIT;
+        after.dstStageMask = VK_PIPELINE_STAGE_2_HOST_BIT;
+        after.dstAccessMask = VK_ACCESS_2_HOST_READ_BIT;
+        dependency.pMemoryBarriers = &after;
+        vkCmdPipelineBarrier2(commands, &dependency);
+    });
+    readback->invalidate();
+    std::vector<std::uint8_t> rgba(bytes);
+    const auto* bgra = static_cast<const std::uint8_t*>(readback->data());
+    for (VkDeviceSize i = 0; i < bytes; i += 4) {
+        rgba[i + 0] = bgra[i + 2];
+        rgba[i + 1] = bgra[i + 1];
+        rgba[i + 2] = bgra[i + 0];
+        rgba[i + 3] = bgra[i + 3];
+    }
+    return rgba;
+}
+
+} // namespace brisvale::gpu

@@ -1,0 +1,82 @@
+#include "render/gpu/Texture.h"
+
+#include "render/gpu/Device.h"
+
+namespace brisvale::gpu {
+
+bool isDepthFormat(VkFormat format) {
+    return format == VK_FORMAT_D32_SFLOAT || format == VK_FORMAT_D16_UNORM ||
+           format == VK_FORMAT_D24_UNORM_S8_UINT || format == VK_FORMAT_D32_SFLOAT_S8_UINT;
+}
+
+std::unique_ptr<Texture> Texture::create(Device& device, const TextureDescription& description) {
+    std::unique_ptr<Texture> self(new Texture(device));
+    self->description_ = description;
+    VkImageCreateInfo info{};
+    info.sType = VK_STRUCTURE_TYPE_IMAGE_CREATE_INFO;
+    info.imageType = VK_IMAGE_TYPE_2D;
+    info.format = description.format;
+    info.extent = {description.width, description.height, 1};
+    info.mipLevels = 1;
+    info.arrayLayers = description.layers;
+    info.samples = VK_SAMPLE_COUNT_1_BIT;
+    info.tiling = VK_IMAGE_TILING_OPTIMAL;
+    info.usage = description.usage;
+    info.sharingMode = VK_SHARING_MODE_EXCLUSIVE;
+    info.initialLayout = VK_IMAGE_LAYOUT_UNDEFINED;
+    if (vkCreateImage(device.handle(), &info, nullptr, &self->image_) != VK_SUCCESS) return nullptr;
+
+    VkMemoryRequirements requirements;
+    vkGetImageMemoryRequirements(device.handle(), self->image_, &requirements);
+    const auto type = device.findMemoryType(requirements.memoryTypeBits, 0, VK_MEMORY_PROPERTY_DEVICE_LOCAL_BIT);
+    if (!type) return nullptr;
+    VkMemoryAllocateInfo allocateInfo{};
+    allocateInfo.sType = VK_STRUCTURE_TYPE_MEMORY_ALLOCATE_INFO;
+    allocateInfo.allocationSize = requirements.size;
+    allocateInfo.memoryTypeIndex = *type;
+    if (vkAllocateMemory(device.handle(), &allocateInfo, nullptr, &self->memory_) != VK_SUCCESS) return nullptr;
+    if (vkBindImageMemory(device.handle(), self->image_, self->memory_, 0) != VK_SUCCESS) return nullptr;
+
+    VkImageViewCreateInfo viewInfo{};
+
+    viewInfo.sType = VK_STRUCTURE_TYPE_IMAGE_VIEW_CREATE_INFO;
+    viewInfo.image = self->image_;
+    viewInfo.viewType = description.array ? VK_IMAGE_VIEW_TYPE_2D_ARRAY : VK_IMAGE_VIEW_TYPE_2D;
+    viewInfo.format = description.format;
+    viewInfo.subresourceRange = {self->aspect(), 0, 1, 0, description.layers};
+    if (vkCreateImageView(device.handle(), &viewInfo, nullptr, &self->view_) != VK_SUCCESS) return nullptr;
+    return self;
+}
+
+Texture::~Texture() {
+    if (view_ != VK_NULL_HANDLE) vkDestroyImageView(device_.handle(), view_, nullptr);
+    if (image_ != VK_NULL_HANDLE) vkDestroyImage(device_.handle(), image_, nullptr);
+    if (memory_ != VK_NULL_HANDLE) vkFreeMemory(device_.handle(), memory_, nullptr);
+}
+
+VkImageAspectFlags Texture::aspect() const {
+    return isDepthFormat(description_.format) ? VK_IMAGE_ASPECT_DEPTH_BIT : VK_IMAGE_ASPECT_COLOR_BIT;
+}
+
+void transitionImage(VkCommandBuffer commands, VkImage image, VkImageAspectFlags aspect,
+                     const ImageTransition& transition, std::uint32_t baseLayer, std::uint32_t layerCount) {
+    VkImageMemoryBarrier2 barrier{};
+    barrier.sType = VK_STRUCTURE_TYPE_IMAGE_MEMORY_BARRIER_2;
+    barrier.srcStageMask = transition.srcStage;
+    barrier.srcAccessMask = transition.srcAccess;
+    barrier.dstStageMask = transition.dstStage;
+    barrier.dstAccessMask = transition.dstAccess;
+    barrier.oldLayout = transition.oldLayout;
+    barrier.newLayout = transition.newLayout;
+    barrier.srcQueueFamilyIndex = VK_QUEUE_FAMILY_IGNORED;
+    barrier.dstQueueFamilyIndex = VK_QUEUE_FAMILY_IGNORED;
+    barrier.image = image;
+    barrier.subresourceRange = {aspect, 0, 1, baseLayer, layerCount};
+    VkDependencyInfo dependency{};
+    dependency.sType = VK_STRUCTURE_TYPE_DEPENDENCY_INFO;
+    dependency.imageMemoryBarrierCount = 1;
+    dependency.pImageMemoryBarriers = &barrier;
+    vkCmdPipelineBarrier2(commands, &dependency);
+}
+
+} // namespace brisvale::gpu

@@ -1,0 +1,67 @@
+#pragma once
+// GPU textures: 2D colour targets, 2D arrays (the image array) and depth targets, each with the one
+// view the renderer samples or renders through.
+
+#include "render/gpu/Vk.h"
+
+#include <cstdint>
+#include <memory>
+
+namespace brisvale::gpu {
+
+class Device;
+
+struct TextureDescription {
+    VkFormat format = VK_FORMAT_R8G8B8A8_UNORM;
+    std::uint32_t width = 1;
+    std::uint32_t height = 1;
+    std::uint32_t layers = 1;
+    bool array = false;            // a 2D-array view even for one layer
+    VkImageUsageFlags usage = VK_IMAGE_USAGE_SAMPLED_BIT;
+};
+
+class Texture {
+public:
+    // nullptr when the image, its memory or its view cannot be made.
+    static std::unique_ptr<Texture> create(Device& device, const TextureDescription& description);
+    ~Texture();
+    Texture(const Texture&) = delete;
+    Texture& operator=(const Texture&) = delete;
+
+    VkImage image() const { return image_; }
+    VkImageView view() const { return view_; }
+    VkFormat format() const { return description_.format; }
+    std::uint32_t width() const { return description_.width; }
+    std::uint32_t height() const { return description_.height; }
+    std::uint32_t layers() const { return description_.layers; }
+    VkImageAspectFlags aspect() const;
+
+private:
+    Texture(Device& device) : device_(device) {}
+
+    Device& device_;
+    TextureDescription description_;
+    VkImage image_ = VK_NULL_HANDLE;
+    VkDeviceMemory memory_ = VK_NULL_HANDLE;
+    VkImageView view_ = VK_NULL_HANDLE;
+};
+
+bool isDepthFormat(VkFormat format);
+
+// One image layout transition with its synchronisation (synchronization2).
+struct ImageTransition {
+    VkPipelineStageFlags2 srcStage = VK_PIPELINE_STAGE_2_NONE;
+    VkAccessFlags2 srcAccess = VK_ACCESS_2_NONE;
+    VkPipelineStageFlags2 dstStage = VK_PIPELINE_STAGE_2_NONE;
+    VkAccessFlags2 dstAccess = VK_ACCESS_2_NONE;
+    VkImageLayout oldLayout = VK_IMAGE_LAYOUT_UNDEFINED;
+    VkImageLayout newLayout = VK_IMAGE_LAYOUT_UNDEFINED;
+};
+void transitionImage(VkCommandBuffer commands, VkImage image, VkImageAspectFlags aspect,
+                     const ImageTransition& transition, std::uint32_t baseLayer = 0,
+                     std::uint32_t layerCount = VK_REMAINING_ARRAY_LAYERS);
+inline void transitionTexture(VkCommandBuffer commands, const Texture& texture, const ImageTransition& transition) {
+    transitionImage(commands, texture.image(), texture.aspect(), transition);
+}
+
+} // namespace brisvale::gpu

@@ -1,0 +1,308 @@
+// A swapchain on an SDL2 window, as a Surface.
+//
+// Each swapchain image has a colour target of the drawable size beside it; the renderer draws
+// into the target and the frame ends with a blit (stretch) onto the swapchain image. The
+// swapchain is recreated when it is out of date, suboptimal or the window's size has changed.
+//
+// [SECTION] Swapchain set-up
+// [SECTION] Drawables
+// [SECTION] Presentation
+
+#include "render/gpu/WindowSurface.h"
+
+#include "render/gpu/CommandBuffer.h"
+#include "render/gpu/Device.h"
+#include "render/gpu/Sync.h"
+#include "render/gpu/Texture.h"
+
+#include <SDL2/SDL.h>
+#include <SDL2/SDL_vulkan.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <vector>
+
+namespace brisvale::gpu {
+namespace {
+
+constexpr std::uint64_t kAcquireTimeoutNs = 1'000'000'000;  // a second without an image: no drawable
+
+class WindowSurface final : public Surface {
+public:
+    WindowSurface(Device& device, SDL_Window* window, VkSurfaceKHR surface, VkSurfaceFormatKHR format)
+        : device_(device), window_(window), surface_(surface), format_(format) {
+        int width = 0;
+        int height = 0;
+        SDL_Vulkan_GetDrawableSize(window_, &width, &height);
+        drawableWidth_ = static_cast<std::uint32_t>(std::max(width, 1));
+        drawableHeight_ = static_cast<std::uint32_t>(std::max(height, 1));
+        spare_ = std::make_unique<Semaphore>(device_);
+    }
+
+    ~WindowSurface() override {
+        device_.waitIdle();
+        destroySwapchain();
+        vkDestroySurfaceKHR(device_.instance(), surface_, nullptr);
+    }
+
+    void setDrawableSize(std::uint32_t width, std::uint32_t height) override {
+        drawableWidth_ = std::max<std::uint32_t>(width, 1);
+        drawableHeight_ = std::max<std::uint32_t>(height, 1);
+    }
+    std::uint32_t drawableWidth() const override { return drawableWidth_; }
+    std::uint32_t drawableHeight() const override { return drawableHeight_; }
+    VkFormat colorFormat() const override { return format_.format; }
+
+    bool nextDrawable(Drawable& drawable) override;
+    void encodePresent(CommandBuffer& commands, const Drawable& drawable) override;
+    void present(const Drawable& drawable) override;
+
+private:
+    bool windowExtentChanged() const;
+    bool recreateSwapchain();
+    void destroySwapchain();
+
+    Device& device_;
+    SDL_Window* window_;
+    VkSurfaceKHR surface_;
+    VkSurfaceFormatKHR format_;
+    std::uint32_t drawableWidth_ = 1;
+    std::uint32_t drawableHeight_ = 1;
+
+    VkSwapchainKHR swapchain_ = VK_NULL_HANDLE;
+    VkExtent2D extent_{0, 0};
+    std::vector<VkImage> images_;
+    std::vector<std::shared_ptr<Texture>> targets_;            // drawable-size colour target per image
+    std::vector<std::unique_ptr<Semaphore>> acquired_;         // the acquisition each image last waited on
+    std::vector<std::unique_ptr<Semaphore>> renderFinished_;   // per image: frame done, may present
+    std::unique_ptr<Semaphore> spare_;                         // free for the next acquisition
+    bool outOfDate_ = true;
+};
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Swapchain set-up
+// ---------------------------------------------------------------------------------------------
+
+bool WindowSurface::windowExtentChanged() const {
+    int width = 0;
+    int height = 0;
+    SDL_Vulkan_GetDrawableSize(window_, &width, &height);
+    return static_cast<std::uint32_t>(width) != extent_.width || static_cast<std::uint32_t>(height) != extent_.height;
+}
+
+void WindowSurface::destroySwapchain() {
+    targets_.clear();
+    acquired_.clear();
+    renderFinished_.clear();
+    images_.clear();
+    if (swapchain_ != VK_NULL_HANDLE) {
+        vkDestroySwapchainKHR(device_.handle(), swapchain_, nullptr);
+        swapchain_ = VK_NULL_HANDLE;
+    }
+}
+
+bool WindowSurface::recreateSwapchain() {
+    device_.waitIdle();  // nothing may still use the old images or their semaphores
+    VkSurfaceCapabilitiesKHR caps;
+    if (vkGetPhysicalDeviceSurfaceCapabilitiesKHR(device_.physicalDevice(), surface_, &caps) != VK_SUCCESS) {
+        return false;
+    }
+    VkExtent2D extent = caps.currentExtent;
+    if (extent.width == UINT32_MAX) {
+        int width = 0;
+        int height = 0;
+        SDL_Vulkan_GetDrawableSize(window_, &width, &height);
+        extent.width = std::clamp<std::uint32_t>(static_cast<std::uint32_t>(width), caps.minImageExtent.width,
+                                                 caps.maxImageExtent.width);
+        extent.height = std::clamp<std::uint32_t>(static_cast<std::uint32_t>(height), caps.minImageExtent.height,
+                                                  caps.maxImageExtent.height);
+    }
+    if (extent.width == 0 || extent.height == 0) {
+        return false;  // minimised: no drawable until it comes back
+    }
+    std::uint32_t imageCount = std::max<std::uint32_t>(caps.minImageCount + 1, 3);
+    if (caps.maxImageCount != 0) imageCount = std::min(imageCount, caps.maxImageCount);
+
+    VkSwapchainCreateInfoKHR info{};
+
+    info.sType = VK_STRUCTURE_TYPE_SWAPCHAIN_CREATE_INFO_KHR;
+    info.surface = surface_;
+    info.minImageCount = imageCount;
+    info.imageFormat = format_.format;
+    info.imageColorSpace = format_.colorSpace;
+    info.imageExtent = extent;
+    info.imageArrayLayers = 1;
+    info.imageUsage = VK_IMAGE_USAGE_TRANSFER_DST_BIT;
+    info.imageSharingMode = VK_SHARING_MODE_EXCLUSIVE;
+    info.preTransform = caps.currentTransform;
+    info.compositeAlpha = (caps.supportedCompositeAlpha & VK_COMPOSITE_ALPHA_OPAQUE_BIT_KHR)
+                              ? VK_COMPOSITE_ALPHA_OPAQUE_BIT_KHR
+                              : static_cast<VkCompositeAlphaFlagBitsKHR>(caps.supportedCompositeAlpha &
+                                                                         -caps.supportedCompositeAlpha);
+    info.presentMode = VK_PRESENT_MODE_FIFO_KHR;
+    info.clipped = VK_TRUE;
+    info.oldSwapchain = swapchain_;
+    VkSwapchainKHR created = VK_NULL_HANDLE;
+    const VkResult result = vkCreateSwapchainKHR(device_.handle(), &info, nullptr, &created);
+    destroySwapchain();
+    if (result != VK_SUCCESS) {
+        std::fprintf(stderr, "vkCreateSwapchainKHR failed: %s\n", resultName(result));
+        return false;
+    }
+    swapchain_ = created;
+    extent_ = extent;
+    std::uint32_t count = 0;
+    vkGetSwapchainImagesKHR(device_.handle(), swapchain_, &count, nullptr);
+    images_.resize(count);
+    vkGetSwapchainImagesKHR(device_.handle(), swapchain_, &count, images_.data());
+    targets_.resize(count);
+    for (std::uint32_t i = 0; i < count; ++i) {
+        acquired_.push_back(std::make_unique<Semaphore>(device_));
+        renderFinished_.push_back(std::make_unique<Semaphore>(device_));
+    }
+    outOfDate_ = false;
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Drawables
+// ---------------------------------------------------------------------------------------------
+
+bool WindowSurface::nextDrawable(Drawable& drawable) {
+    if (outOfDate_ || swapchain_ == VK_NULL_HANDLE || windowExtentChanged()) {
+        if (!recreateSwapchain()) return false;
+    }
+    std::uint32_t index = 0;
+    VkResult result = vkAcquireNextImageKHR(device_.handle(), swapchain_, kAcquireTimeoutNs, spare_->handle(),
+                                            VK_NULL_HANDLE, &index);
+    if (result == VK_ERROR_OUT_OF_DATE_KHR) {
+        if (!recreateSwapchain()) return false;
+        result = vkAcquireNextImageKHR(device_.handle(), swapchain_, kAcquireTimeoutNs, spare_->handle(),
+                                       VK_NULL_HANDLE, &index);
+    }
+    if (result == VK_SUBOPTIMAL_KHR) {
+        outOfDate_ = true;  // use this image, rebuild before the next
+    } else if (result != VK_SUCCESS) {
+        if (result != VK_TIMEOUT && result != VK_NOT_READY) outOfDate_ = true;
+        return false;
+    }
+    // The image's previous acquisition semaphore has been waited on by now (the image came back
+    // from presentation), so it becomes the spare.
+    std::swap(spare_, acquired_[index]);
+
+    auto& target = targets_[index];
+    if (!target || target->width() != drawableWidth_ || target->height() != drawableHeight_) {
+        TextureDescription description;
+        description.format = format_.format;
+        description.width = drawableWidth_;
+        description.height = drawableHeight_;
+        description.usage = VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT | VK_IMAGE_USAGE_TRANSFER_SRC_BIT |
+                            VK_IMAGE_USAGE_SAMPLED_BIT;
+        std::shared_ptr<Texture> created = Texture::create(device_, description);
+        if (!created) return false;
+        target = std::move(created);  // frames in flight keep the old one alive
+    }
+    drawable = Drawable{};
+    drawable.texture = target.get();
+    drawable.keepAlive = target;
+    drawable.index = index;
+    drawable.wait = acquired_[index]->handle();
+    drawable.waitStage = VK_PIPELINE_STAGE_2_ALL_TRANSFER_BIT;
+    drawable.signal = renderFinished_[index]->handle();
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Presentation
+// ---------------------------------------------------------------------------------------------
+
+void WindowSurface::encodePresent(CommandBuffer& commands, const Drawable& drawable) {
+    VkCommandBuffer cmd = commands.handle();
+    const Texture& target = *drawable.texture;
+    VkImage image = images_[drawable.index];
+
+    ImageTransition toSource;
+    toSource.srcStage = VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT;
+    toSource.srcAccess = VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT;
+    toSource.dstStage = VK_PIPELINE_STAGE_2_BLIT_BIT;
+    toSource.dstAccess = VK_ACCESS_2_TRANSFER_READ_BIT;
+    toSource.oldLayout = VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL;
+    toSource.newLayout = VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL;
+    transitionTexture(cmd, target, toSource);
+
+    // Chained to the acquisition semaphore, which the submission waits on at the transfer stage.
+    ImageTransition toDestination;
+    toDestination.srcStage = VK_PIPELINE_STAGE_2_ALL_TRANSFER_BIT;
+    toDestination.dstStage = VK_PIPELINE_STAGE_2_BLIT_BIT;
+    toDestination.dstAccess = VK_ACCESS_2_TRANSFER_WRITE_BIT;
+    toDestination.oldLayout = VK_IMAGE_LAYOUT_UNDEFINED;
+    toDestination.newLayout = VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL;
+    transitionImage(cmd, image, VK_IMAGE_ASPECT_COLOR_BIT, toDestination);
+
+    VkImageBlit region{};
+    region.srcSubresource = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 0, 1};
+    region.srcOffsets[1] = {static_cast<std::int32_t>(target.width()), static_cast<std::int32_t>(target.height()), 1};
+    region.dstSubresource = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 0, 1};
+    region.dstOffsets[1] = {static_cast<std::int32_t>(extent_.width), static_cast<std::int32_t>(extent_.height), 1};
+    vkCmdBlitImage(cmd, target.image(), VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL, image,
+                   VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL, 1, &region, VK_FILTER_LINEAR);
+
+    ImageTransition toPresent;
+    toPresent.srcStage = VK_PIPELINE_STAGE_2_BLIT_BIT;
+    toPresent.srcAccess = VK_ACCESS_2_TRANSFER_WRITE_BIT;
+    toPresent.oldLayout = VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL;
+    toPresent.newLayout = VK_IMAGE_LAYOUT_PRESENT_SRC_KHR;
+    transitionImage(cmd, image, VK_IMAGE_ASPECT_COLOR_BIT, toPresent);
+}
+
+void WindowSurface::present(const Drawable& drawable) {
+    VkSemaphore wait = drawable.signal;
+    VkPresentInfoKHR info{};
+    info.sType = VK_STRUCTURE_TYPE_PRESENT_INFO_KHR;
+    info.waitSemaphoreCount = 1;
+    info.pWaitSemaphores = &wait;
+    info.swapchainCount = 1;
+    info.pSwapchains = &swapchain_;
+    info.pImageIndices = &drawable.index;
+    const VkResult result = device_.present(info);
+    if (result == VK_ERROR_OUT_OF_DATE_KHR || result == VK_SUBOPTIMAL_KHR) outOfDate_ = true;
+}
+
+} // namespace
+
+std::unique_ptr<Surface> createWindowSurface(Device& device, SDL_Window* window) {
+    if (window == nullptr) return nullptr;
+    if (!device.supportsSwapchain()) {
+        std::fprintf(stderr, "Vulkan device was created without window support\n");
+        return nullptr;
+    }
+    VkSurfaceKHR surface = VK_NULL_HANDLE;
+    if (SDL_Vulkan_CreateSurface(window, device.instance(), &surface) != SDL_TRUE) {
+        std::fprintf(stderr, "SDL_Vulkan_CreateSurface failed: %s\n", SDL_GetError());
+        return nullptr;
+    }
+    VkBool32 supported = VK_FALSE;
+    vkGetPhysicalDeviceSurfaceSupportKHR(device.physicalDevice(), device.queueFamily(), surface, &supported);
+    std::uint32_t count = 0;
+    vkGetPhysicalDeviceSurfaceFormatsKHR(device.physicalDevice(), surface, &count, nullptr);
+    std::vector<VkSurfaceFormatKHR> formats(count);
+    vkGetPhysicalDeviceSurfaceFormatsKHR(device.physicalDevice(), surface, &count, formats.data());
+    if (!supported || formats.empty()) {
+        std::fprintf(stderr, "The window's Vulkan surface cannot be presented to\n");
+        vkDestroySurfaceKHR(device.instance(), surface, nullptr);
+        return nullptr;
+    }
+    VkSurfaceFormatKHR chosen = formats.front();
+    bool found = false;
+    for (VkFormat wanted : {VK_FORMAT_B8G8R8A8_UNORM, VK_FORMAT_R8G8B8A8_UNORM}) {
+        for (const auto& format : formats) {
+            if (!found && format.format == wanted) {
+                chosen = format;
+                found = true;
+            }
+        }
+    }
+    return std::make_unique<WindowSurface>(device, window, surface, chosen);
+}
+
+} // namespace brisvale::gpu

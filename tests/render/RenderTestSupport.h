@@ -1,0 +1,141 @@
+#pragma once
+// Helpers for the renderer's GPU tests: a lavapipe device with validation on, archives built with
+// the content library's writer, encoded test images, a main-thread task queue, and a marker
+// shader whose passes paint pixels that the tests read back.
+
+#include "content/ArchiveWriter.h"
+#include "content/DemoArchive.h"
+#include "content/DemoManifest.h"
+#include "render/Renderer.h"
+#include "render/gpu/Device.h"
+#include "render/gpu/OffscreenSurface.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace brisvale::testing {
+
+inline std::vector<std::uint8_t> toBytes(std::string_view text) {
+    return std::vector<std::uint8_t>(text.begin(), text.end());
+}
+
+template <class F> std::string errorOf(F&& f) {
+    try {
+        f();
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+    return "<no error>";
+}
+
+class TempDir {
+public:
+    TempDir() {
+        std::string pattern = (std::filesystem::temp_directory_path() / "brisvale-render-XXXXXX").string();
+        if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+        path_ = pattern;
+    }
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    ~TempDir() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    std::string file(std::string_view name) const { return (path_ / name).string(); }
+
+private:
+    std::filesystem::path path_;
+};
+
+// PNG bytes of a width × height RGBA8 image (straight alpha, top row first).
+std::vector<std::uint8_t> encodePng(std::uint32_t width, std::uint32_t height, const std::vector<std::uint8_t>& rgba);
+std::vector<std::uint8_t> solidPng(std::uint32_t width, std::uint32_t height, std::uint8_t r, std::uint8_t g,
+                                   std::uint8_t b, std::uint8_t a);
+
+// The marker shader: every pass paints what it saw (see RenderTestSupport.cpp for the layout).
+extern const char* const kMarkerShader;
+
+struct ShowFiles {
+    std::string shader = kMarkerShader;
+    std::vector<std::vector<std::uint8_t>> images;   // image.0.path ... in order
+    bool withManifest = true;
+};
+
+// Writes demo.dat (demo.ini, scene.glsl, assets.txt, images) and loads it.
+std::shared_ptr<const DemoArchive> makeArchive(const TempDir& dir, const ShowFiles& files);
+DemoManifest markerManifest();
+
+// Posted main-thread tasks, run by the test when it chooses.
+class MainQueue {
+public:
+    MainThreadPoster poster() {
+        return [this](std::function<void()> task) {
+            std::lock_guard lock(mutex_);
+            tasks_.push_back(std::move(task));
+        };
+    }
+    std::size_t pending() {
+        std::lock_guard lock(mutex_);
+        return tasks_.size();
+    }
+    void drain() {
+        std::vector<std::function<void()>> tasks;
+        {
+            std::lock_guard lock(mutex_);
+            tasks.swap(tasks_);
+        }
+        for (auto& task : tasks) task();
+    }
+
+private:
+    std::mutex mutex_;  // guards tasks_: completion thread posts, the test drains
+    std::vector<std::function<void()>> tasks_;
+};
+
+// A lavapipe device with validation; every test checks that it saw no validation message.
+class GpuTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        gpu::DeviceOptions options;
+        options.validation = true;
+        device_ = gpu::Device::create(options);
+        ASSERT_NE(device_, nullptr) << "no Vulkan device";
+        ASSERT_TRUE(device_->validationEnabled()) << "the validation layer is required";
+    }
+    void TearDown() override {
+        if (device_) {
+            EXPECT_EQ(device_->validationMessageCount(), 0u) << "validation messages were printed above";
+        }
+    }
+    std::unique_ptr<Renderer> makeRenderer(gpu::Surface& surface, const ShowFiles& files = {}) {
+        return std::make_unique<Renderer>(device_.get(), &surface, makeArchive(dir_, files), markerManifest(),
+                                          queue_.poster());
+    }
+    // Waits for every frame submitted so far, with its completion handler.
+    void finishFrames();
+
+    TempDir dir_;
+    MainQueue queue_;
+    std::unique_ptr<gpu::Device> device_;
+};
+
+struct Pixel {
+    int r, g, b, a;
+};
+Pixel pixelAt(const std::vector<std::uint8_t>& rgba, std::uint32_t width, std::uint32_t x, std::uint32_t y);
+// Bytes of a colour given as floats, as the UNORM target stores them.
+Pixel expected(float r, float g, float b, float a = 1.0f);
+::testing::AssertionResult near(Pixel actual, Pixel wanted, int tolerance = 2);
+
+} // namespace brisvale::testing
