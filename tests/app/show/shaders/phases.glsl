@@ -1,5 +1,7 @@
 // The player's test show. Each phase paints its own colours so a screenshot tells them apart:
-//   intro (t < 9.25):  quad red on the left half, generated triangles green on the right half
+//   intro (t < 9.25):  quad red on the left half, generated triangles green on the right half,
+//                      and a band along the top of the right half whose red and green are the
+//                      drawable's width and height over 4096 (the size the renderer was given)
 //   middle:            quad the image (blue) over the whole frame
 //   finale (t >= 142): quad yellow, triangles green, composite magenta band at the top
 
@@ -94,7 +96,13 @@ void scene_fragment() {
         float depth = texture(sceneDepth, quadUv).r;
         outColour = quadUv.y < 0.2 ? vec4(1.0, 0.0, 1.0, 1.0) : vec4(0.0, 0.0, 0.0, depth < 0.0 ? 1.0 : 0.0);
     } else if (isIntro()) {
-        outColour = quadUv.x < 0.5 ? vec4(1.0, 0.0, 0.0, 1.0) : vec4(0.0);
+        if (quadUv.x < 0.5) {
+            outColour = vec4(1.0, 0.0, 0.0, 1.0);
+        } else if (quadUv.y < 0.1) {
+            outColour = vec4(frame.resolution / 4096.0, 1.0, 1.0);
+        } else {
+            outColour = vec4(0.0);
+        }
     } else if (isFinale()) {
         outColour = vec4(1.0, 1.0, 0.0, 1.0);
     } else {

@@ -1,0 +1,273 @@
+// The player end to end: the real executable in a bundle folder of its own with a demo.dat packed
+// from a variant of the test show, on a private Xvfb display with lavapipe (validation on) and
+// SDL's dummy audio driver. Each test watches what a user would: windows, pixels, exit status,
+// standard error.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "app/e2e/X11Session.h"
+#include "content/ArchiveWriter.h"
+
+namespace brisvale::e2e {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+constexpr const char* kTitle = "Brisvale Metal";
+
+
+std::vector<std::uint8_t> bytesOf(const std::string& text) { return {text.begin(), text.end()}; }
+
+std::vector<std::uint8_t> readBytes(const fs::path& path) {
+    const std::string text = readFile(path);
+    return bytesOf(text);
+}
+
+// A song made by ffmpeg, `seconds` long.
+std::vector<std::uint8_t> flacSong(const fs::path& dir, int seconds) {
+    const fs::path path = dir / ("song-" + std::to_string(seconds) + ".flac");
+    int status = 0;
+    shell("ffmpeg -nostdin -v error -y -f lavfi -i sine=frequency=330:sample_rate=44100:duration=" +
+              std::to_string(seconds) + " -ac 2 -c:a flac '" + path.string() + "'",
+          &status);
+    if (status != 0) throw std::runtime_error("ffmpeg failed");
+    return readBytes(path);
+}
+
+// One bundle: a copy of the player and, unless told otherwise, a demo.dat.
+class Bundle {
+public:
+    Bundle() {
+        std::string pattern = (fs::temp_directory_path() / "brisvale-e2e-XXXXXX").string();
+        if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+        dir_ = pattern;
+        fs::copy_file(BRISVALE_PLAYER_PATH, player());
+    }
+    ~Bundle() {
+        std::error_code ec;
+        fs::remove_all(dir_, ec);
+    }
+    const fs::path& dir() const { return dir_; }
+    fs::path player() const { return dir_ / "brisvale"; }
+
+    // The test show's files, by archive path.
+    static std::map<std::string, std::vector<std::uint8_t>> testShow() {
+        std::map<std::string, std::vector<std::uint8_t>> files;
+        const fs::path root = BRISVALE_TEST_SHOW_DIR;
+        for (const auto& entry : fs::recursive_directory_iterator(root)) {
+            if (entry.is_regular_file()) {
+                files[fs::relative(entry.path(), root).generic_string()] = readBytes(entry.path());
+            }
+        }
+        return files;
+    }
+
+    void pack(const std::map<std::string, std::vector<std::uint8_t>>& files) const {
+        std::vector<ArchiveFile> archive;
+        for (const auto& [path, bytes] : files) archive.push_back({path, bytes});
+        writeArchiveFile((dir_ / "demo.dat").string(), archive);
+    }
+
+private:
+    fs::path dir_;
+};
+
+// One run of the player.
+struct PlayerRun {
+    Child process;
+    Clock::time_point started;
+    fs::path out;
+    fs::path err;
+
+    std::string stderrText() const { return readFile(err); }
+};
+
+class PlayerE2E : public ::testing::Test {
+protected:
+    PlayerRun start(const Bundle& bundle) {
+        PlayerRun run;
+        run.out = bundle.dir() / "stdout.txt";
+        run.err = bundle.dir() / "stderr.txt";
+        run.started = Clock::now();
+        run.process = spawn({bundle.player().string()},
+                            {{"SDL_AUDIODRIVER", "dummy"}, {"BRISVALE_VULKAN_VALIDATION", "1"},
+                             {"VK_ICD_FILENAMES", "/usr/share/vulkan/icd.d/lvp_icd.x86_64.json"}},
+                            run.out, run.err);
+        return run;
+    }
+
+    // Waits until the window is mapped at the given size; returns when it was first seen so.
+    static std::optional<Clock::time_point> waitForWindow(X11Session& x, PlayerRun& run, int width, int height,
+                                                          std::chrono::seconds limit = 20s) {
+        const auto deadline = Clock::now() + limit;
+        while (Clock::now() < deadline && run.process.running()) {
+            const auto w = x.window(kTitle);
+            if (w && w->viewable && w->width == width && w->height == height) return Clock::now();
+            std::this_thread::sleep_for(20ms);
+        }
+        return std::nullopt;
+    }
+
+    static void expectNoValidationMessages(const PlayerRun& run) {
+        EXPECT_EQ(run.stderrText().find("Vulkan validation"), std::string::npos) << run.stderrText();
+    }
+};
+
+void expectNear(Screenshot::Pixel p, int r, int g, int b, int tolerance = 3) {
+    EXPECT_NEAR(p.r, r, tolerance);
+    EXPECT_NEAR(p.g, g, tolerance);
+    EXPECT_NEAR(p.b, b, tolerance);
+}
+
+// The band's colour for a drawable of width x height: each over 4096, in 8 bits.
+int bandValue(int size) { return static_cast<int>(size / 4096.0 * 255.0 + 0.5); }
+
+// ---------------------------------------------------------------------------------------------
+
+TEST_F(PlayerE2E, AOneSecondShowGoesFullScreenRendersAndEndsByItself) {
+    X11Session x(/*withWindowManager=*/true);
+    Bundle bundle;
+    bundle.pack(Bundle::testShow());
+    PlayerRun run = start(bundle);
+
+    const auto fullScreenAt = waitForWindow(x, run, 1920, 1080);
+    ASSERT_TRUE(fullScreenAt) << run.stderrText();
+
+    std::this_thread::sleep_until(*fullScreenAt + 1500ms);
+    const Screenshot shot = x.screenshot();
+    expectNear(shot.at(200, 540), 255, 0, 0);    // intro quad, left half
+    expectNear(shot.at(1440, 540), 0, 255, 0);   // generated triangles, right half
+    expectNear(shot.at(1700, 300), 5, 5, 6);     // clear colour between them
+    expectNear(shot.at(1440, 40), bandValue(1920), bandValue(1080), 255);  // a 1920 x 1080 drawable
+
+    const auto status = run.process.waitFor(15s);
+    ASSERT_TRUE(status) << "the show did not end by itself";
+    const double afterFullScreen = std::chrono::duration<double>(Clock::now() - *fullScreenAt).count();
+    EXPECT_EQ(*status, 0) << run.stderrText();
+    // 1 s of music and 3.75 s of tail, counted from the full-screen entry.
+    EXPECT_GE(afterFullScreen, 4.75 - 0.1);
+    EXPECT_LE(afterFullScreen, 4.75 + 1.5);
+    EXPECT_EQ(run.stderrText(), "");
+}
+
+TEST_F(PlayerE2E, NoDemoDatFailsTheLaunchWithOneLineAndNeverShowsTheWindow) {
+    X11Session x(/*withWindowManager=*/false);
+    Bundle bundle;  // nothing packed
+    // Every window mapped on the display while the player runs.
+    Child watcher = spawn({"xev", "-root", "-event", "substructure"}, {}, bundle.dir() / "xev.txt", "/dev/null");
+    std::this_thread::sleep_for(300ms);
+    PlayerRun run = start(bundle);
+    const auto status = run.process.waitFor(20s);
+    ASSERT_TRUE(status);
+    std::this_thread::sleep_for(200ms);
+    watcher.kill();
+
+    EXPECT_EQ(*status, 1);
+    EXPECT_EQ(run.stderrText(), "Launch failed: Missing demo.dat in app bundle\n");
+    EXPECT_EQ(readFile(run.out), "");
+    const std::string events = readFile(bundle.dir() / "xev.txt");
+    EXPECT_NE(events.find("CreateNotify"), std::string::npos) << "the watcher saw nothing at all";
+    EXPECT_EQ(events.find("MapNotify"), std::string::npos) << events;
+}
+
+TEST_F(PlayerE2E, ABrokenDemoIniGivesItsOwnMessage) {
+    X11Session x(/*withWindowManager=*/false);
+    Bundle bundle;
+    auto show = Bundle::testShow();
+    show["demo.ini"] = bytesOf("demo.timeline.audio = music/song.flac\ndemo.output.fps = sixty\n");
+    bundle.pack(show);
+    PlayerRun run = start(bundle);
+    const auto status = run.process.waitFor(20s);
+    ASSERT_TRUE(status);
+    EXPECT_EQ(*status, 1);
+    EXPECT_EQ(run.stderrText(), "Launch failed: Invalid numeric demo manifest value: demo.output.fps\n");
+    EXPECT_FALSE(x.window(kTitle).has_value());
+}
+
+TEST_F(PlayerE2E, EscapeQuits) {
+    X11Session x(/*withWindowManager=*/true);
+    Bundle bundle;
+    auto show = Bundle::testShow();
+    show["music/song.flac"] = flacSong(bundle.dir(), 30);
+    bundle.pack(show);
+    PlayerRun run = start(bundle);
+    ASSERT_TRUE(waitForWindow(x, run, 1920, 1080)) << run.stderrText();
+    std::this_thread::sleep_for(500ms);
+
+    x.key("Escape");
+    const auto status = run.process.waitFor(5s);
+    ASSERT_TRUE(status) << "Escape did not end the show";
+    EXPECT_EQ(*status, 0);
+    EXPECT_EQ(run.stderrText(), "");
+}
+
+TEST_F(PlayerE2E, FLeavesFullScreenAndTheDrawableFollowsTheWindow) {
+    X11Session x(/*withWindowManager=*/true);
+    Bundle bundle;
+    auto show = Bundle::testShow();
+    show["music/song.flac"] = flacSong(bundle.dir(), 30);
+    bundle.pack(show);
+    PlayerRun run = start(bundle);
+    ASSERT_TRUE(waitForWindow(x, run, 1920, 1080)) << run.stderrText();
+    std::this_thread::sleep_for(500ms);
+
+    x.key("f");
+    ASSERT_TRUE(waitForWindow(x, run, 1280, 720, 10s)) << "f did not leave full screen";
+    std::this_thread::sleep_for(500ms);  // a few frames at the new size
+    const auto w = x.window(kTitle);
+    ASSERT_TRUE(w);
+    const Screenshot shot = x.screenshot();
+    // The same picture, now drawn at the window's 1280 x 720 pixels.
+    expectNear(shot.at(w->x + 100, w->y + 360), 255, 0, 0);
+    expectNear(shot.at(w->x + 960, w->y + 360), 0, 255, 0);
+    expectNear(shot.at(w->x + 960, w->y + 25), bandValue(1280), bandValue(720), 255);
+    EXPECT_TRUE(run.process.running()) << "the show must go on";
+
+    // Again: back to full screen, the show still running.
+    x.key("F");
+    ASSERT_TRUE(waitForWindow(x, run, 1920, 1080, 10s));
+    std::this_thread::sleep_for(300ms);
+    expectNear(x.screenshot().at(1440, 40), bandValue(1920), bandValue(1080), 255);
+
+    x.key("Escape");
+    const auto status = run.process.waitFor(5s);
+    ASSERT_TRUE(status);
+    EXPECT_EQ(*status, 0);
+    expectNoValidationMessages(run);
+}
+
+TEST_F(PlayerE2E, MusicTheDecoderRejectsRunsSilentUntilEscape) {
+    X11Session x(/*withWindowManager=*/true);
+    Bundle bundle;
+    auto show = Bundle::testShow();
+    show["music/song.flac"] = bytesOf(std::string(4096, 'x'));
+    bundle.pack(show);
+    PlayerRun run = start(bundle);
+    const auto fullScreenAt = waitForWindow(x, run, 1920, 1080);
+    ASSERT_TRUE(fullScreenAt) << run.stderrText();
+
+    // No end time: still running well after where a song of length 0 would have ended it.
+    std::this_thread::sleep_until(*fullScreenAt + 5s);
+    EXPECT_TRUE(run.process.running());
+    expectNear(x.screenshot().at(200, 540), 255, 0, 0);
+
+    x.key("Escape");
+    const auto status = run.process.waitFor(5s);
+    ASSERT_TRUE(status);
+    EXPECT_EQ(*status, 0);
+    EXPECT_EQ(run.stderrText(), "Failed to load audio asset\n");
+}
+
+} // namespace
+} // namespace brisvale::e2e
