@@ -1,0 +1,174 @@
+// Middle (9.25 <= t < 142): one full-screen quad per frame. The scene follows the
+// music's sections, counted in bars from the show clock, with a one-beat crossfade
+// at each section change. Fragment stage only: everything here samples the images.
+#ifdef BRISVALE_FRAGMENT
+
+vec4 image(vec2 uv, float layer) { return texture(images, vec3(uv, layer)); }
+
+// One of the eight ramps of the palette strip (premultiplied but opaque).
+vec3 paletteRamp(float x, float row) {
+    return image(vec2(clamp(x, 0.002, 0.998), (row + 0.5) / 8.0), LAYER_PALETTE).rgb;
+}
+
+// Soft round lanterns in a drifting grid of cells; returns emitted light.
+vec3 lanternField(vec2 q, float t, float density, float seed) {
+    vec3 light = vec3(0.0);
+    for (int layer = 0; layer < 3; ++layer) {
+        float scale = 5.0 + 3.0 * float(layer);
+        vec2 p = q * scale + vec2(seed * 13.0 + float(layer) * 7.3, -t * (0.25 + 0.1 * float(layer)));
+        vec2 cell = floor(p);
+        vec2 local = fract(p) - 0.5;
+        vec2 h = hash22(cell + float(layer) * 31.0);
+        if (h.x > density) continue;
+        vec2 centre = (h - 0.5) * 0.6 + 0.12 * vec2(sin(t * 0.7 + h.y * 6.0), 0.0);
+        float d = length(local - centre);
+        float size = 0.06 + 0.05 * h.y;
+        float glow = exp(-d * d / (size * size)) + 0.25 * exp(-d * 6.0);
+        float flicker = 0.8 + 0.2 * sin(t * 3.0 + h.x * 40.0);
+        light += lanternColor(h.y * 0.6 + float(layer) * 0.1) * glow * flicker / (1.0 + float(layer) * 0.6);
+    }
+    return light;
+}
+
+vec3 nightSky(vec2 q, float t, float warmth) {
+    vec3 top = vec3(0.015, 0.02, 0.06);
+    vec3 mid = vec3(0.10, 0.06, 0.16);
+    vec3 low = mix(vec3(0.35, 0.16, 0.12), vec3(0.55, 0.28, 0.14), warmth);
+    float y = q.y + 0.1;
+    vec3 sky = mix(low, mid, smoothstep(-0.05, 0.25, y));
+    sky = mix(sky, top, smoothstep(0.2, 0.6, y));
+    vec2 starCell = floor(q * 180.0);
+    float star = step(0.996, hash12(starCell)) * smoothstep(0.0, 0.3, y);
+    float twinkle = 0.6 + 0.4 * sin(t * 2.0 + hash12(starCell + 3.0) * 30.0);
+    return sky + vec3(0.9, 0.9, 1.0) * star * twinkle * 0.8;
+}
+
+// The harbour at night: sky, a low skyline, water with rippled reflections, lanterns.
+vec3 sceneHarbour(vec2 q, float t, float beatPulse) {
+    const float horizon = -0.12;
+    vec3 col;
+    if (q.y > horizon) {
+        col = nightSky(q, t, 0.3);
+        float skyline = horizon + 0.05 * valueNoise(vec2(q.x * 6.0, 1.0)) + 0.035 * step(0.6, valueNoise(vec2(q.x * 22.0, 2.0)));
+        if (q.y < skyline) col = vec3(0.02, 0.018, 0.03) + vec3(0.6, 0.4, 0.2) * step(0.97, hash12(floor(q * vec2(140.0, 90.0)))) * 0.6;
+        col += lanternField(q, t, 0.45, 1.0) * 0.9;
+    } else {
+        float depth = horizon - q.y;
+        vec2 ripple = vec2(fbm(vec2(q.x * 8.0, depth * 40.0 - t * 0.8)) - 0.5, 0.0) * 0.06 * (0.3 + depth * 3.0);
+        vec2 mirrored = vec2(q.x, 2.0 * horizon - q.y) + ripple;
+        col = nightSky(mirrored, t, 0.3) * 0.55 + lanternField(mirrored, t, 0.45, 1.0) * 0.5;
+        col *= 1.0 - 0.5 * smoothstep(0.0, 0.5, depth);
+    }
+    col *= 1.0 + 0.25 * beatPulse;
+
+    // The title card rises out of the dark and leaves before the melody comes in.
+    float title = window(t, 10.0, 12.5, 22.5, 26.0);
+    if (title > 0.0) {
+        vec2 uv = vec2(q.x, -(q.y - 0.05 - 0.02 * (1.0 - title))) * 1.05 + 0.5;
+        if (all(greaterThanEqual(uv, vec2(0.0))) && all(lessThanEqual(uv, vec2(1.0)))) {
+            vec4 card = image(uv, LAYER_TITLE) * title;  // premultiplied
+            col = col * (1.0 - card.a) + card.rgb * 1.1;
+        }
+    }
+    return col;
+}
+
+// Flowing marble, folded into a six-way kaleidoscope and recoloured through a ramp.
+vec3 sceneMarble(vec2 q, float t, float beatPulse, float ramp, float speed) {
+    float a = atan(q.y, q.x);
+    float r = length(q);
+    float seg = TAU / 6.0;
+    a = abs(mod(a + t * 0.05 * speed, seg) - seg * 0.5);
+    vec2 k = vec2(cos(a), sin(a)) * r;
+    vec2 uv = k * (0.55 - 0.08 * beatPulse) + vec2(t * 0.02 * speed, t * 0.013 * speed);
+    uv += 0.05 * vec2(fbm(uv * 3.0 + t * 0.1), fbm(uv * 3.0 - t * 0.1));
+    vec3 m = image(fract(uv), LAYER_MARBLE).rgb;
+    float lum = dot(m, vec3(0.3, 0.5, 0.2));
+    vec3 col = mix(m, paletteRamp(lum * 1.1 + t * 0.01, ramp), 0.55);
+    col *= 0.55 + 0.9 * smoothstep(1.2, 0.0, r);
+    return col * (1.0 + 0.4 * beatPulse);
+}
+
+// A tunnel lined with the Truchet lattice; `speed` sets the flight.
+vec3 sceneTunnel(vec2 q, float t, float beatPulse, float speed, float ramp) {
+    float r = max(length(q), 1e-3);
+    float a = atan(q.y, q.x) / TAU;
+    vec2 uv = vec2(a * 3.0 + t * 0.02, 0.3 / r + t * speed);
+    vec4 lattice = image(fract(uv), LAYER_PATTERN);
+    vec3 tint = paletteRamp(fract(uv.y * 0.1 + 0.3), ramp);
+    vec3 col = lattice.rgb * tint * 1.6;
+    float fog = smoothstep(0.0, 0.45, r);
+    col = col * fog + vec3(0.04, 0.03, 0.08) * (1.0 - fog);
+    col += tint * 0.5 * exp(-r * 8.0) * (0.6 + beatPulse);
+    return col * (0.8 + 0.3 * beatPulse);
+}
+
+// Aurora curtains over the water.
+vec3 sceneAurora(vec2 q, float t, float beatPulse) {
+    const float horizon = -0.2;
+    bool water = q.y < horizon;
+    vec2 p = water ? vec2(q.x, 2.0 * horizon - q.y) + vec2(0.02 * sin(q.y * 90.0 + t * 2.0), 0.0) : q;
+    vec3 col = nightSky(p, t, 0.0) * vec3(0.6, 0.8, 1.0);
+    for (int i = 0; i < 4; ++i) {
+        float fi = float(i);
+        float curve = 0.18 + 0.12 * fi + 0.12 * (fbm(vec2(p.x * 1.3 + t * 0.05 * (1.0 + fi), fi * 3.1)) - 0.5);
+        float above = p.y - curve;
+        float curtain = exp(-max(above, 0.0) * (5.0 - fi)) * smoothstep(-0.04, 0.0, above);
+        float rays = 0.55 + 0.45 * valueNoise(vec2(p.x * 30.0 + fi * 9.0, t * 0.3));
+        vec3 c = paletteRamp(0.25 + 0.15 * fi + 0.1 * sin(t * 0.1), 3.0);
+        col += c * curtain * rays * (0.45 - 0.08 * fi) * (1.0 + 0.5 * beatPulse);
+    }
+    if (water) col *= 0.45;
+    return col;
+}
+
+int sceneIndex(float bar) {
+    if (bar < 12.0) return 0;
+    if (bar < 20.0) return 1;
+    if (bar < 28.0) return 2;
+    if (bar < 36.0) return 3;
+    if (bar < 44.0) return 4;
+    if (bar < 52.0) return 5;
+    if (bar < 59.0) return 6;
+    return 7;
+}
+
+float sceneFirstBar(int index) {
+    const float starts[8] = float[8](0.0, 12.0, 20.0, 28.0, 36.0, 44.0, 52.0, 59.0);
+    return starts[index];
+}
+
+vec3 sceneColour(int index, vec2 q, float t) {
+    float pulse = kickPulse(t);
+    float bar = barAt(t);
+    if (index == 0) return sceneHarbour(q, t, pulse);
+    if (index == 1) return sceneMarble(q, t, pulse, 0.0, 1.0);
+    if (index == 2) return sceneTunnel(q, t, pulse, 0.12, 1.0);
+    if (index == 3) return sceneMarble(q * rot2(t * 0.05), t, pulse, 5.0, 2.0);
+    if (index == 4) return mix(sceneMarble(q, t, pulse, 6.0, 2.5), sceneTunnel(q, t, pulse, 0.2, 6.0), 0.45);
+    if (index == 5) return sceneAurora(q, t, pulse);
+    if (index == 6) {
+        // The build: the tunnel speeds up and brightens; the snare roll flickers it.
+        float u = saturate((bar - 52.0) / 7.0);
+        float roll = 1.0 + 0.25 * u * (0.5 + 0.5 * cos(beatAt(t) * TAU * (bar < 54.0 ? 1.0 : (bar < 56.0 ? 2.0 : 4.0))));
+        return sceneTunnel(q, t, pulse, 0.15 + 0.5 * u * u, 2.0) * (0.7 + 0.6 * u) * roll;
+    }
+    // The peak: everything at once, turning faster.
+    return mix(sceneMarble(q * rot2(t * 0.2), t, pulse, 5.0, 4.0), sceneTunnel(q, t, pulse, 0.5, 5.0), 0.35) * (1.0 + 0.2 * pulse);
+}
+
+vec3 middleScene(vec2 fragCoord, vec2 uv, float t) {
+    vec2 q = (fragCoord - 0.5 * frame.resolution) / frame.resolution.y;
+    q.y = -q.y;  // fragCoord runs down the screen; scenes think y up
+    float bar = barAt(t);
+    int index = sceneIndex(bar);
+    vec3 col = sceneColour(index, q, t);
+    float intoSection = (bar - sceneFirstBar(index)) * 4.0;  // beats
+    if (index > 0 && intoSection < 1.0) col = mix(sceneColour(index - 1, q, t), col, easeInOut(intoSection));
+    // Hand over to the finale's sky in the last beat before it.
+    float toFinale = easeInOut((t - (FINALE_START - BEAT_SECONDS)) / BEAT_SECONDS);
+    if (toFinale > 0.0) col = mix(col, finaleSky(q, t), toFinale);
+    return col;
+}
+
+#endif
