@@ -336,16 +336,18 @@ struct audio_decoder {
     bool lengthKnown = false;
     int64_t lengthFrames = 0;
 
-    // Timestamp (stream time base) of the first frame decoded from the start; frames after a seek
-    // are placed relative to it.
-    bool originKnown = false;
+    // Timestamp (stream time base) of frame 0: the first frame decoded from the start. Frames are
+    // placed relative to it; the first one is held until the first read.
     int64_t originPts = 0;
+    std::unique_ptr<AVFrame, platform::FrameFreer> held;
+    bool heldValid = false;
     // Formats whose timestamps after a demuxer seek are only estimates reach a frame by decoding.
     bool seekByDecoding = false;
 
     int64_t position = 0;  // frame index of the next frame handed to the caller
     int64_t nextDecoded = 0;  // frame index of the next frame out of the codec
     bool resync = false;  // place the next decoded frame by its timestamp
+    bool resyncRunUp = false;  // place every frame by its timestamp until the target
     int64_t discardUntil = 0;  // frames before this index are dropped (a seek's run-up)
     bool drained = false;  // the codec has delivered everything
     bool flushSent = false;
@@ -424,6 +426,14 @@ bool containerLength(const audio_decoder& d, int64_t* frames) {
         n = av_rescale_q(f->duration, AV_TIME_BASE_Q, AVRational{1, rate});
     } else {
         return false;
+    }
+    // Where the first decodable frame sits after the stream's start (FFmpeg's Vorbis timestamps
+    // with short first blocks), the frames before it never come out: they do not count.
+    if (s->start_time != AV_NOPTS_VALUE && d.originPts > s->start_time) {
+        const int64_t gap = av_rescale_q(d.originPts - s->start_time, s->time_base, AVRational{1, rate});
+        if (gap <= rate) {
+            n -= gap;
+        }
     }
     if (std::strcmp(f->iformat->name, "ogg") == 0) {
         n -= s->codecpar->initial_padding;
@@ -537,6 +547,29 @@ Status convertAndStore(audio_decoder& d, const AVFrame* frame, int64_t start) {
     return 0;
 }
 
+Status openCodec(audio_decoder& d) {
+    const AVCodecParameters* par = d.stream->codecpar;
+    const AVCodec* codec = avcodec_find_decoder(par->codec_id);
+    if (codec == nullptr) {
+        return kStatusFormatNotSupported;
+    }
+    std::unique_ptr<AVCodecContext, CodecFreer> c(avcodec_alloc_context3(codec));
+    if (!c) {
+        return kStatusOutOfMemory;
+    }
+    int rc = avcodec_parameters_to_context(c.get(), par);
+    if (rc < 0) {
+        return rc;
+    }
+    c->pkt_timebase = d.stream->time_base;
+    rc = avcodec_open2(c.get(), codec, nullptr);
+    if (rc < 0) {
+        return rc;
+    }
+    d.codec = std::move(c);
+    return 0;
+}
+
 // Seeks the demuxer to the file's start; frames are then counted from 0.
 Status rewind(audio_decoder& d) {
     const AVStream* s = d.stream;
@@ -551,10 +584,16 @@ Status rewind(audio_decoder& d) {
     if (rc < 0) {
         return rc;
     }
-    avcodec_flush_buffers(d.codec.get());
+    // A fresh codec, not a flushed one: some (AAC) keep state across a flush, and the start must
+    // decode exactly as it did the first time.
+    if (const Status st = openCodec(d); st != 0) {
+        return st;
+    }
     if (d.swr) {
         swr_init(d.swr.get());
     }
+    d.heldValid = false;
+    av_frame_unref(d.held.get());
     // Where timestamps hold, the first frame places itself (codecs that drop their priming
     // only on the very first read come back with a negative position); else count from 0.
     d.nextDecoded = 0;
@@ -566,56 +605,22 @@ Status rewind(audio_decoder& d) {
     return 0;
 }
 
-// [READ] Decodes the next frame into `pending`. Returns 0 with `drained` set at the end.
-Status decodeMore(audio_decoder& d) {
+// [READ] The codec's next frame into `frame`: 0, AVERROR_EOF once everything has come out, or
+// a failure. Feeds packets of the audio stream as the codec asks for them.
+int receiveFrame(audio_decoder& d, AVFrame* frame) {
+    if (d.heldValid) {
+        av_frame_move_ref(frame, d.held.get());
+        d.heldValid = false;
+        return 0;
+    }
     AVCodecContext* c = d.codec.get();
     for (;;) {
-        int rc = avcodec_receive_frame(c, d.frame.get());
-        if (rc == 0) {
-            AVFrame* f = d.frame.get();
-            const int64_t pts = f->best_effort_timestamp != AV_NOPTS_VALUE ? f->best_effort_timestamp : f->pts;
-            if (!d.originKnown) {
-                d.originKnown = true;
-                d.originPts = pts != AV_NOPTS_VALUE ? pts : 0;
-            }
-            if (d.resync) {
-                if (pts == AV_NOPTS_VALUE) {
-                    av_frame_unref(f);
-                    return static_cast<Status>(fourCharCode("pts?"));
-                }
-                d.nextDecoded = av_rescale_q(pts - d.originPts, d.stream->time_base,
-                                             AVRational{1, static_cast<int>(d.client.mSampleRate)});
-                d.resync = false;
-            }
-            if (!d.swr || d.swrInFormat != f->format || d.swrInRate != f->sample_rate ||
-                d.swrInLayout.nb_channels != f->ch_layout.nb_channels) {
-                if (const Status st = setUpConverter(d, *f); st != 0) {
-                    av_frame_unref(f);
-                    return st;
-                }
-            }
-            const int64_t start = d.nextDecoded;
-            const Status st = convertAndStore(d, f, start);
-            // With equal rates the converter holds nothing back; resampled output is counted as it comes.
-            d.nextDecoded += f->nb_samples * static_cast<int64_t>(d.client.mSampleRate) / std::max(1, f->sample_rate);
-            av_frame_unref(f);
-            return st;
-        }
-        if (rc == AVERROR_EOF) {
-            if (d.swr && d.swrInRate != static_cast<int>(d.client.mSampleRate)) {
-                const int64_t before = d.pendingFrames;
-                convertAndStore(d, nullptr, d.nextDecoded);
-                d.nextDecoded += d.pendingFrames - before;
-            }
-            d.drained = true;
-            return 0;
-        }
+        int rc = avcodec_receive_frame(c, frame);
         if (rc != AVERROR(EAGAIN)) {
             return rc;
         }
         if (d.flushSent) {
-            d.drained = true;
-            return 0;
+            return AVERROR_EOF;
         }
         AVPacket* p = d.packet.get();
         rc = av_read_frame(d.reader->format.get(), p);
@@ -637,6 +642,62 @@ Status decodeMore(audio_decoder& d) {
     }
 }
 
+int64_t frameTimestamp(const AVFrame& f) {
+    return f.best_effort_timestamp != AV_NOPTS_VALUE ? f.best_effort_timestamp : f.pts;
+}
+
+// Decodes the first frame at opening and keeps it: its timestamp is frame 0 of the timeline,
+// and the length query needs that before anything is read.
+void learnOrigin(audio_decoder& d) {
+    const int rc = receiveFrame(d, d.held.get());
+    d.heldValid = rc == 0;
+    const int64_t pts = d.heldValid ? frameTimestamp(*d.held) : AV_NOPTS_VALUE;
+    d.originPts = pts != AV_NOPTS_VALUE ? pts : (d.stream->start_time != AV_NOPTS_VALUE ? d.stream->start_time : 0);
+}
+
+// Decodes the next frame into `pending`. Returns 0 with `drained` set at the end.
+Status decodeMore(audio_decoder& d) {
+    AVFrame* f = d.frame.get();
+    const int rc = receiveFrame(d, f);
+    if (rc == AVERROR_EOF) {
+        if (d.swr && d.swrInRate != static_cast<int>(d.client.mSampleRate)) {
+            const int64_t before = d.pendingFrames;
+            convertAndStore(d, nullptr, d.nextDecoded);
+            d.nextDecoded += d.pendingFrames - before;
+        }
+        d.drained = true;
+        return 0;
+    }
+    if (rc < 0) {
+        return rc;
+    }
+    const int64_t pts = frameTimestamp(*f);
+    const int rate = static_cast<int>(d.client.mSampleRate);
+    if (d.resyncRunUp && !d.resync && pts != AV_NOPTS_VALUE) {
+        d.nextDecoded = av_rescale_q(pts - d.originPts, d.stream->time_base, AVRational{1, rate});
+    }
+    if (d.resync) {
+        if (pts == AV_NOPTS_VALUE) {
+            av_frame_unref(f);
+            return static_cast<Status>(fourCharCode("pts?"));
+        }
+        d.nextDecoded = av_rescale_q(pts - d.originPts, d.stream->time_base, AVRational{1, rate});
+        d.resync = false;
+    }
+    if (!d.swr || d.swrInFormat != f->format || d.swrInRate != f->sample_rate ||
+        d.swrInLayout.nb_channels != f->ch_layout.nb_channels) {
+        if (const Status st = setUpConverter(d, *f); st != 0) {
+            av_frame_unref(f);
+            return st;
+        }
+    }
+    const Status st = convertAndStore(d, f, d.nextDecoded);
+    // With equal rates the converter holds nothing back; resampled output is counted as it comes.
+    d.nextDecoded += f->nb_samples * static_cast<int64_t>(rate) / std::max(1, f->sample_rate);
+    av_frame_unref(f);
+    return st;
+}
+
 } // namespace
 
 Status decoderWrapReader(ContainerReader* reader, audio_decoder** out) noexcept {
@@ -649,28 +710,19 @@ Status decoderWrapReader(ContainerReader* reader, audio_decoder** out) noexcept 
         return kStatusOutOfMemory;
     }
     d->stream = reader->stream();
-    const AVCodecParameters* par = d->stream->codecpar;
-    const AVCodec* codec = avcodec_find_decoder(par->codec_id);
-    if (codec == nullptr) {
-        return kStatusFormatNotSupported;
-    }
-    d->codec.reset(avcodec_alloc_context3(codec));
     d->packet.reset(av_packet_alloc());
     d->frame.reset(av_frame_alloc());
-    if (!d->codec || !d->packet || !d->frame) {
+    d->held.reset(av_frame_alloc());
+    if (!d->packet || !d->frame || !d->held) {
         return kStatusOutOfMemory;
     }
-    int rc = avcodec_parameters_to_context(d->codec.get(), par);
-    if (rc < 0) {
-        return rc;
-    }
-    d->codec->pkt_timebase = d->stream->time_base;
-    rc = avcodec_open2(d->codec.get(), codec, nullptr);
-    if (rc < 0) {
-        return rc;
+    if (const Status st = openCodec(*d); st != 0) {
+        return st;
     }
     d->seekByDecoding = timestampsUnreliableAfterSeek(reader->format->iformat);
+    d->resync = !d->seekByDecoding;
     d->reader.reset(reader);
+    learnOrigin(*d);
     *out = d.release();
     return 0;
 }
@@ -819,13 +871,11 @@ Status decoderSeek(audio_decoder* d, int64_t frame) noexcept {
     }
     try {
         const int rate = static_cast<int>(d->client.mSampleRate);
-        if (!d->originKnown && !d->drained) {
-            // Learn where the first frame sits before leaving the start.
-            if (const Status st = decodeMore(*d); st != 0) {
-                return st;
-            }
-        }
-        const int64_t runUp = std::max<int64_t>(8192, rate / 5);
+        // Ogg pages can be long, and FFmpeg guesses the timestamps of the packets of the page it
+        // lands in: the run-up spans more than a page, and frames are placed by their timestamps
+        // until the target, so the last placement comes from a granule position.
+        const bool ogg = std::strcmp(d->reader->format->iformat->name, "ogg") == 0;
+        const int64_t runUp = ogg ? 2 * int64_t{rate} : std::max<int64_t>(8192, rate / 5);
         bool fromStart = frame <= runUp;
         if (d->seekByDecoding && !fromStart && frame >= d->position && !d->resync) {
             // Onwards by decoding: drop what is pending before the target, and the rest as it comes.
@@ -847,19 +897,27 @@ Status decoderSeek(audio_decoder* d, int64_t frame) noexcept {
                 if (d->swr) {
                     swr_init(d->swr.get());
                 }
+                d->heldValid = false;
+                av_frame_unref(d->held.get());
                 d->pendingFrames = 0;
                 d->pendingOffset = 0;
                 d->drained = false;
                 d->flushSent = false;
                 d->resync = true;
+                d->resyncRunUp = true;
                 d->discardUntil = frame;
-                // The first frame tells where the demuxer landed; past the target means its index
-                // was coarse, and the start is the safe way.
-                const Status st = decodeMore(*d);
-                if (st != 0 || d->resync || d->nextDecoded - d->pendingFrames > frame) {
-                    if (st != 0 && st != static_cast<Status>(fourCharCode("pts?"))) {
-                        return st;
-                    }
+                // Decode the run-up up to the target. The first kept frame must start exactly at
+                // it; else the demuxer's landing was coarse and the start is the safe way.
+                Status st = 0;
+                while (st == 0 && d->pendingFrames == 0 && !d->drained) {
+                    st = decodeMore(*d);
+                }
+                d->resyncRunUp = false;
+                if (st != 0 && st != static_cast<Status>(fourCharCode("pts?"))) {
+                    return st;
+                }
+                const bool landed = d->pendingFrames > 0 ? d->nextDecoded - d->pendingFrames == frame : d->drained;
+                if (st != 0 || d->resync || !landed) {
                     fromStart = true;
                 }
             }
