@@ -51,9 +51,12 @@ void Renderer::Impl::draw(const FrameInfo& frame) {
     // The drawable first: a frame without one leaves every slot and index as it was.
     if (!layer->nextDrawable(drawable)) return;
     inFlightSemaphore.acquire();
+    const std::uint32_t inFlight = framesInFlight.fetch_add(1) + 1;
+    if (inFlight > mostFramesInFlight.load()) mostFramesInFlight.store(inFlight);
     try {
         ensureDepthTexture(drawable.texture->width(), drawable.texture->height());
     } catch (...) {
+        framesInFlight.fetch_sub(1);
         inFlightSemaphore.release();  // the caller may go on drawing
         throw;
     }
@@ -202,6 +205,7 @@ void Renderer::Impl::draw(const FrameInfo& frame) {
     const VkResult result = commands.submit(gpu::SubmitSync{drawable.wait, drawable.waitStage, drawable.signal});
     if (result != VK_SUCCESS) {
         std::fprintf(stderr, kCommandBufferFailed, gpu::resultName(result));
+        framesInFlight.fetch_sub(1);
         inFlightSemaphore.release();
         return;
     }
@@ -223,6 +227,7 @@ void Renderer::Impl::FrameSlot::frameCompleted(const gpu::CompletionStatus& stat
 
 void Renderer::Impl::plainHandler(const gpu::CompletionStatus& status) {
     if (status.failed) std::fprintf(stderr, kCommandBufferFailed, status.description);
+    framesInFlight.fetch_sub(1);
     inFlightSemaphore.release();
 }
 
@@ -239,6 +244,7 @@ void Renderer::Impl::feedbackHandler(const gpu::CompletionStatus& status, gpu::B
             if (auto alive = token.lock()) (*alive)->growGeometryBuffersIfNeeded(requested);
         });
     }
+    framesInFlight.fetch_sub(1);
     inFlightSemaphore.release();
 }
 
@@ -255,6 +261,7 @@ void Renderer::Impl::ensureDepthTexture(std::uint64_t width, std::uint64_t heigh
     description.usage = VK_IMAGE_USAGE_DEPTH_STENCIL_ATTACHMENT_BIT | VK_IMAGE_USAGE_SAMPLED_BIT;
     depthTexture = gpu::Texture::create(*device, description);  // frames in flight keep the old one
     require(depthTexture, kNoDepthTexture);
+    ++depthTexturesCreated;
 }
 
 } // namespace brisvale

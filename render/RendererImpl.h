@@ -120,6 +120,11 @@ struct Renderer::Impl {
     std::unique_ptr<gpu::DescriptorPool> descriptorPool;
     std::array<FrameSlot, renderer_limits::kFramesInFlight> slots;
     gpu::Drawable drawable;  // reused every frame
+    // Bookkeeping for tests and diagnostics: frames between the slot wait and their handler
+    // (the most seen at once), and how many depth targets were made.
+    std::atomic<std::uint32_t> framesInFlight{0};
+    std::atomic<std::uint32_t> mostFramesInFlight{0};
+    std::uint32_t depthTexturesCreated = 0;
 };
 
 template <typename T> void require(const T& object, const char* message) {

@@ -135,16 +135,16 @@ DemoManifest markerManifest() {
 
 std::shared_ptr<const DemoArchive> makeArchive(const TempDir& dir, const ShowFiles& files) {
     std::vector<ArchiveFile> entries;
-    entries.push_back({"scene.glsl", toBytes(files.shader)});
+    if (files.withShader) entries.push_back({"scene.glsl", toBytes(files.shader)});
     std::vector<std::vector<std::uint8_t>> images = files.images;
-    if (images.empty() && files.withManifest) images.push_back(solidPng(4, 4, 255, 255, 255, 255));
+    if (images.empty() && !files.assets) images.push_back(solidPng(4, 4, 255, 255, 255, 255));
     std::string assets;
     for (std::size_t i = 0; i < images.size(); ++i) {
         const std::string path = "images/" + std::to_string(i) + ".png";
         assets += "image." + std::to_string(i) + ".path = " + path + "\n";
         entries.push_back({path, images[i]});
     }
-    entries.push_back({"assets.txt", toBytes(assets)});
+    if (files.withAssets) entries.push_back({"assets.txt", toBytes(files.assets.value_or(assets))});
     static int counter = 0;
     const std::string path = dir.file("demo" + std::to_string(counter++) + ".dat");
     writeArchiveFile(path, entries);

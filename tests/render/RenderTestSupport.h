@@ -19,6 +19,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -69,7 +70,9 @@ extern const char* const kMarkerShader;
 struct ShowFiles {
     std::string shader = kMarkerShader;
     std::vector<std::vector<std::uint8_t>> images;   // image.0.path ... in order
-    bool withManifest = true;
+    bool withShader = true;
+    std::optional<std::string> assets;                // assets.txt as given instead of the list
+    bool withAssets = true;
 };
 
 // Writes demo.dat (demo.ini, scene.glsl, assets.txt, images) and loads it.

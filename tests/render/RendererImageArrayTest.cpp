@@ -1,0 +1,116 @@
+// The image texture array on lavapipe: one 1024 × 1024 layer per listed image, in list order,
+// premultiplied RGBA8, top row first, each axis scaled to fill the square.
+
+#include "RenderTestSupport.h"
+
+#include "render/RendererTesting.h"
+
+namespace brisvale::testing {
+namespace {
+
+constexpr std::uint32_t kEdge = 1024;
+
+class RendererImageArray : public GpuTest {
+protected:
+    void SetUp() override {
+        GpuTest::SetUp();
+        surface_ = std::make_unique<gpu::OffscreenSurface>(*device_, 16, 16);
+    }
+    std::unique_ptr<Renderer> withImages(std::vector<std::vector<std::uint8_t>> images) {
+        ShowFiles files;
+        files.images = std::move(images);
+        return makeRenderer(*surface_, files);
+    }
+    std::unique_ptr<gpu::OffscreenSurface> surface_;
+};
+
+// An image whose pixels come from f(x, y) -> {r, g, b, a}.
+template <class F> std::vector<std::uint8_t> patternPng(std::uint32_t width, std::uint32_t height, F f) {
+    std::vector<std::uint8_t> rgba(std::size_t(width) * height * 4);
+    for (std::uint32_t y = 0; y < height; ++y) {
+        for (std::uint32_t x = 0; x < width; ++x) {
+            const Pixel p = f(x, y);
+            const std::size_t i = (std::size_t(y) * width + x) * 4;
+            rgba[i] = static_cast<std::uint8_t>(p.r);
+            rgba[i + 1] = static_cast<std::uint8_t>(p.g);
+            rgba[i + 2] = static_cast<std::uint8_t>(p.b);
+            rgba[i + 3] = static_cast<std::uint8_t>(p.a);
+        }
+    }
+    return encodePng(width, height, rgba);
+}
+
+TEST_F(RendererImageArray, ThreeImagesGiveThreeLayersInListOrder) {
+    auto renderer = withImages({solidPng(8, 8, 255, 0, 0, 255), solidPng(8, 8, 0, 255, 0, 255),
+                                solidPng(8, 8, 0, 0, 255, 255)});
+    Renderer::Impl& impl = RendererTesting::impl(*renderer);
+    EXPECT_EQ(impl.imageCount, 3u);
+    EXPECT_EQ(impl.imageTextureArray->layers(), 3u);
+    EXPECT_EQ(impl.imageTextureArray->width(), kEdge);
+    EXPECT_EQ(impl.imageTextureArray->height(), kEdge);
+    EXPECT_EQ(impl.imageTextureArray->format(), VK_FORMAT_R8G8B8A8_UNORM);
+
+    const auto layer1 = RendererTesting::readImageLayer(*renderer, 1);
+    ASSERT_EQ(layer1.size(), std::size_t(kEdge) * kEdge * 4);
+    EXPECT_TRUE(near(pixelAt(layer1, kEdge, 0, 0), Pixel{0, 255, 0, 255}, 0));
+    EXPECT_TRUE(near(pixelAt(layer1, kEdge, 1023, 1023), Pixel{0, 255, 0, 255}, 0));
+    EXPECT_TRUE(near(pixelAt(RendererTesting::readImageLayer(*renderer, 0), kEdge, 500, 500), Pixel{255, 0, 0, 255}, 0));
+    EXPECT_TRUE(near(pixelAt(RendererTesting::readImageLayer(*renderer, 2), kEdge, 10, 900), Pixel{0, 0, 255, 255}, 0));
+}
+
+TEST_F(RendererImageArray, HalfTransparentRedIsStoredPremultiplied) {
+    auto renderer = withImages({solidPng(4, 4, 255, 0, 0, 128)});
+    const auto layer = RendererTesting::readImageLayer(*renderer, 0);
+    EXPECT_TRUE(near(pixelAt(layer, kEdge, 512, 512), Pixel{128, 0, 0, 128}, 1));
+}
+
+TEST_F(RendererImageArray, TheTopRowOfTheFileIsRowZero) {
+    auto renderer = withImages({patternPng(16, 16, [](std::uint32_t, std::uint32_t y) {
+        return y < 8 ? Pixel{255, 0, 0, 255} : Pixel{0, 0, 255, 255};
+    })});
+    const auto layer = RendererTesting::readImageLayer(*renderer, 0);
+    EXPECT_TRUE(near(pixelAt(layer, kEdge, 300, 0), Pixel{255, 0, 0, 255}, 0));
+    EXPECT_TRUE(near(pixelAt(layer, kEdge, 300, 1023), Pixel{0, 0, 255, 255}, 0));
+}
+
+TEST_F(RendererImageArray, AWideImageFillsTheWholeSquare) {
+    // 2048 × 512: left half red, right half green, a white bottom row band.
+    auto renderer = withImages({patternPng(2048, 512, [](std::uint32_t x, std::uint32_t y) {
+        if (y >= 448) return Pixel{255, 255, 255, 255};
+        return x < 1024 ? Pixel{255, 0, 0, 255} : Pixel{0, 255, 0, 255};
+    })});
+    const auto layer = RendererTesting::readImageLayer(*renderer, 0);
+    // Squeezed horizontally: the split lands in the middle column.
+    EXPECT_TRUE(near(pixelAt(layer, kEdge, 0, 100), Pixel{255, 0, 0, 255}, 0));
+    EXPECT_TRUE(near(pixelAt(layer, kEdge, 500, 100), Pixel{255, 0, 0, 255}, 0));
+    EXPECT_TRUE(near(pixelAt(layer, kEdge, 524, 100), Pixel{0, 255, 0, 255}, 0));
+    EXPECT_TRUE(near(pixelAt(layer, kEdge, 1023, 100), Pixel{0, 255, 0, 255}, 0));
+    // Stretched vertically: the last 64 source rows become the last eighth (128 rows).
+    EXPECT_TRUE(near(pixelAt(layer, kEdge, 200, 880), Pixel{255, 0, 0, 255}, 0));
+    EXPECT_TRUE(near(pixelAt(layer, kEdge, 200, 904), Pixel{255, 255, 255, 255}, 0));
+    EXPECT_TRUE(near(pixelAt(layer, kEdge, 200, 1023), Pixel{255, 255, 255, 255}, 0));
+}
+
+TEST_F(RendererImageArray, AOnePixelImageFillsTheLayerWithItsColour) {
+    auto renderer = withImages({solidPng(1, 1, 10, 200, 30, 255)});
+    const auto layer = RendererTesting::readImageLayer(*renderer, 0);
+    for (std::uint32_t i = 0; i < 8; ++i) {
+        const std::uint32_t x = (i * 379) % kEdge;
+        const std::uint32_t y = (i * 613) % kEdge;
+        EXPECT_TRUE(near(pixelAt(layer, kEdge, x, y), Pixel{10, 200, 30, 255}, 0)) << x << ", " << y;
+    }
+}
+
+TEST_F(RendererImageArray, TheShadersSeeTheImageCount) {
+    auto renderer = withImages({solidPng(2, 2, 0, 0, 0, 255), solidPng(2, 2, 0, 0, 0, 255),
+                                solidPng(2, 2, 0, 0, 0, 255), solidPng(2, 2, 0, 0, 0, 255)});
+    FrameInfo frame;
+    frame.timeSeconds = 30.0f;
+    renderer->draw(frame);
+    finishFrames();
+    // The marker quad's top band carries imageCount / 8 in blue.
+    EXPECT_TRUE(near(pixelAt(surface_->readbackRGBA(), 16, 8, 0), expected(1.0f / 2048, 1.0f / 2048, 0.5f), 1));
+}
+
+} // namespace
+} // namespace brisvale::testing
