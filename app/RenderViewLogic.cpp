@@ -1,5 +1,7 @@
 #include "app/RenderViewLogic.h"
 
+#include <time.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -13,6 +15,12 @@ constexpr std::string_view kFailedToLoadAudio = "Failed to load audio asset";
 constexpr std::string_view kFailedToStartAudio = "Failed to start audio playback";
 constexpr std::string_view kFrameFailed = "Frame failed: ";
 
+std::chrono::nanoseconds threadCpuTime() {
+    timespec t{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return std::chrono::seconds(t.tv_sec) + std::chrono::nanoseconds(t.tv_nsec);
+}
+
 } // namespace
 
 bool showHasEnded(float timeSeconds, float renderEndSeconds) {
@@ -23,6 +31,7 @@ bool showHasEnded(float timeSeconds, float renderEndSeconds) {
 // [PUMP]
 
 void RenderViewLogic::scheduleDrawFrame() {
+    counters_.ticks.fetch_add(1, std::memory_order_relaxed);
     bool queueFrame = false;
     {
         std::lock_guard<std::recursive_mutex> guard(lock_);
@@ -32,6 +41,7 @@ void RenderViewLogic::scheduleDrawFrame() {
         }
     }
     if (queueFrame) {
+        counters_.queued.fetch_add(1, std::memory_order_relaxed);
         // The task refers to the view by address: the display timer is stopped first in the
         // teardown, and the event loop drops unrun tasks before the view goes.
         postToMainThread([this] { drawFrame(); });
@@ -50,6 +60,7 @@ void RenderViewLogic::drawFrame() {
     if (!app_ || !hasRenderer() || drawFailed_) {
         return;
     }
+    const std::chrono::nanoseconds cpuAtStart = threadCpuTime();
     updateDrawableSize();
     FrameInfo frame = app_->tick();
     frame.showDurationSeconds = showDurationSeconds_;
@@ -64,6 +75,8 @@ void RenderViewLogic::drawFrame() {
         terminateApplication();
         return;
     }
+    ++counters_.drawn;
+    counters_.frameCpu += threadCpuTime() - cpuAtStart;
     if (showHasEnded(frame.timeSeconds, renderEndSeconds_)) {
         terminateApplication();
     }

@@ -9,6 +9,8 @@
 //
 // Sections: [PUMP] [FRAME] [SIZE] [KEYS] [CURSOR] [SHOW START] [TEARDOWN] [HOOKS]
 
+#include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -27,6 +29,15 @@ namespace brisvale {
 // The end-of-show rule: an end time above 0 is reached by the first frame whose show time is at
 // or past it. That frame is drawn before the application is asked to quit.
 bool showHasEnded(float timeSeconds, float renderEndSeconds);
+
+// What the frame pump has done so far, for the frame-pump benchmark. Display ticks are counted
+// on the timer thread, the rest on the main thread.
+struct FramePumpCounters {
+    std::atomic<std::uint64_t> ticks{0};    // display ticks that reached scheduleDrawFrame
+    std::atomic<std::uint64_t> queued{0};   // ticks that became a frame task
+    std::uint64_t drawn = 0;                // frames handed to the renderer
+    std::chrono::nanoseconds frameCpu{0};   // main-thread processor time inside those frames
+};
 
 class RenderViewLogic {
 public:
@@ -58,6 +69,7 @@ public:
     bool audioLoaded() const { return audioLoaded_; }
     float showDurationSeconds() const { return showDurationSeconds_; }
     float renderEndSeconds() const { return renderEndSeconds_; }
+    const FramePumpCounters& counters() const { return counters_; }
 
 protected:
     RenderViewLogic() = default;
@@ -121,6 +133,8 @@ private:
     bool drawFailed_ = false;
     float showDurationSeconds_ = 0.0f;
     float renderEndSeconds_ = 0.0f;
+
+    FramePumpCounters counters_;
 };
 
 } // namespace brisvale

@@ -63,6 +63,8 @@ public:
 
     // 0, or 1 after a failed launch or a frame that could not be drawn.
     int exitStatus() const;
+    // The render view, once the launch has built it.
+    const MetalView* contentView() const { return _window ? _window->contentView() : nullptr; }
 
 private:
     void toggleFullScreen();

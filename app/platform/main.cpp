@@ -20,7 +20,10 @@
 
 #include <SDL2/SDL.h>
 
+#include <time.h>
+
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <stdexcept>
 #include <string>
@@ -76,6 +79,28 @@ void handleEvent(const SDL_Event& event, Application& application, AppDelegate& 
     }
 }
 
+// For bench/app/frame_pump.sh only (BRISVALE_FRAME_PUMP_STATS=1): one line at exit with the
+// share of display ticks that became frames and the main thread's processor time per frame.
+void reportFramePump(const AppDelegate& delegate) {
+    const char* wanted = std::getenv("BRISVALE_FRAME_PUMP_STATS");
+    const MetalView* view = delegate.contentView();
+    if (wanted == nullptr || *wanted == '\0' || *wanted == '0' || view == nullptr) {
+        return;
+    }
+    timespec cpu{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &cpu);
+    const double mainCpuMs = cpu.tv_sec * 1e3 + cpu.tv_nsec / 1e6;
+    const FramePumpCounters& c = view->counters();
+    const double ticks = static_cast<double>(c.ticks.load());
+    const double drawn = static_cast<double>(c.drawn);
+    std::fprintf(stderr,
+                 "frame pump: ticks %.0f, frames queued %llu, drawn %.0f, share %.3f, "
+                 "main-thread CPU per frame %.3f ms (in frames %.3f ms), main-thread CPU total %.1f ms\n",
+                 ticks, static_cast<unsigned long long>(c.queued.load()), drawn, ticks > 0 ? drawn / ticks : 0.0,
+                 drawn > 0 ? mainCpuMs / drawn : 0.0,
+                 drawn > 0 ? std::chrono::duration<double, std::milli>(c.frameCpu).count() / drawn : 0.0, mainCpuMs);
+}
+
 int runApplication() {
     SdlSession sdl;
     MainThreadQueue mainQueue([&sdl] { sdl.wakeEventLoop(); });
@@ -95,6 +120,7 @@ int runApplication() {
         }
     }
     delegate.applicationWillTerminate();
+    reportFramePump(delegate);
     // Frame and pool-growth tasks still queued are dropped: the show is over.
     mainQueue.dropAll();
     return delegate.exitStatus();

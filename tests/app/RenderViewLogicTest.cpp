@@ -189,6 +189,10 @@ TEST(FramePump, TicksWhileAFrameWaitsAddNothing) {
     ASSERT_TRUE(view.runOneTask());
     EXPECT_EQ(view.frames.size(), 1u);
     EXPECT_EQ(view.queued(), 0u);
+    // The benchmark's counters: eleven ticks, one frame task, one frame drawn.
+    EXPECT_EQ(view.counters().ticks.load(), 11u);
+    EXPECT_EQ(view.counters().queued.load(), 1u);
+    EXPECT_EQ(view.counters().drawn, 1u);
 }
 
 TEST(FramePump, TheFirstTickAfterTheFrameStartsQueuesExactlyOneMore) {
