@@ -98,6 +98,11 @@ std::vector<std::uint8_t> gzipDeterministic(std::span<const std::uint8_t> conten
         Z_OK) {
         throw std::runtime_error("Failed to initialize gzip compressor");
     }
+    // Frees zlib's state on every way out, a failed allocation included.
+    struct DeflateEnd {
+        z_stream* stream;
+        ~DeflateEnd() { deflateEnd(stream); }
+    } end{&stream};
     gz_header header{};
     header.os = kGzipOsUnknown; // zlib would write the build platform's code
     deflateSetHeader(&stream, &header);
@@ -120,12 +125,10 @@ std::vector<std::uint8_t> gzipDeterministic(std::span<const std::uint8_t> conten
         result = deflate(&stream, inputLeft <= kSlice ? Z_FINISH : Z_NO_FLUSH);
         inputDone += before - stream.avail_in;
         if (result != Z_OK && result != Z_STREAM_END && result != Z_BUF_ERROR) {
-            deflateEnd(&stream);
             throw std::runtime_error("Failed to gzip archive file");
         }
     }
     out.resize(stream.total_out);
-    deflateEnd(&stream);
     return out;
 }
 
