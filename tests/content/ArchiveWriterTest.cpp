@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+
+#include <csignal>
 #include <filesystem>
 #include <random>
 
@@ -118,6 +121,31 @@ TEST(ArchiveWriter, FileIsReplacedWholeOrNotAtAll) {
     EXPECT_EQ(errorOf([&] { writeArchiveFile(nowhere, mixedFiles()); }).rfind("Failed to create ", 0),
               0u);
     EXPECT_FALSE(std::filesystem::exists(dir.path() / "missing"));
+}
+
+// Runs in a child process: a file size limit makes the write fail after its first 4 KiB.
+bool failedWriteKeepsOldFile(const TempDir& dir, const std::string& path,
+                             const std::vector<std::uint8_t>& old) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{4096, 4096};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    const std::string error = errorOf([&] {
+        writeArchiveFile(path, {{"big.bin", randomBytes(100000, 1)}}, {2, ArchiveCompression::None});
+    });
+    const bool untouched = testing::readBytes(path) == old;
+    const auto files = std::distance(std::filesystem::directory_iterator(dir.path()),
+                                     std::filesystem::directory_iterator());
+    return error.rfind("Failed to write ", 0) == 0 && untouched && files == 1;
+}
+
+TEST(ArchiveWriterDeathTest, WriteThatFailsHalfwayKeepsTheOldFile) {
+    TempDir dir;
+    const std::string path = dir.file("demo.dat");
+    writeArchiveFile(path, {{"old.txt", toBytes("old")}});
+    const auto old = testing::readBytes(path);
+    EXPECT_EXIT(std::exit(failedWriteKeepsOldFile(dir, path, old) ? 0 : 1),
+                ::testing::ExitedWithCode(0), "");
+    EXPECT_EQ(testing::readBytes(path), old);
 }
 
 } // namespace
