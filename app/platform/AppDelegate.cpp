@@ -54,9 +54,15 @@ AppDelegate::~AppDelegate() = default;
 void AppDelegate::applicationDidFinishLaunching() {
     try {
         // Created hidden: a launch that fails never shows it.
-        SDL_Window* handle = SDL_CreateWindow(
-            kWindowTitle, SDL_WINDOWPOS_CENTERED, SDL_WINDOWPOS_CENTERED, kWindowWidth, kWindowHeight,
-            SDL_WINDOW_VULKAN | SDL_WINDOW_RESIZABLE | SDL_WINDOW_ALLOW_HIGHDPI | SDL_WINDOW_HIDDEN);
+        const Uint32 flags = SDL_WINDOW_RESIZABLE | SDL_WINDOW_ALLOW_HIGHDPI | SDL_WINDOW_HIDDEN;
+        SDL_Window* handle = SDL_CreateWindow(kWindowTitle, SDL_WINDOWPOS_CENTERED, SDL_WINDOWPOS_CENTERED,
+                                              kWindowWidth, kWindowHeight, flags | SDL_WINDOW_VULKAN);
+        if (handle == nullptr) {
+            // SDL refuses a Vulkan window where there is no Vulkan at all. The view then finds no
+            // device, and the renderer reports that in its own words.
+            handle = SDL_CreateWindow(kWindowTitle, SDL_WINDOWPOS_CENTERED, SDL_WINDOWPOS_CENTERED, kWindowWidth,
+                                      kWindowHeight, flags);
+        }
         if (handle == nullptr) {
             throw std::runtime_error(std::string("Failed to create window: ") + SDL_GetError());
         }
