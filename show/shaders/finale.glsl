@@ -109,7 +109,7 @@ void finaleCompute(uint i) {
     vec3 colour = stone * (0.18 + 0.9 * key) + vec3(0.45, 0.22, 0.12) * fill * 0.5 + vec3(0.4, 0.5, 0.7) * rim * 0.35;
     if (h > 0.72) {
         float glow = 0.75 + 0.35 * pulse + 0.15 * sin(ft * 2.0 + id);
-        colour = lanternColor(h * 2.0 + 0.1) * glow * (0.75 + 0.25 * key) + vec3(0.2, 0.1, 0.05);
+        colour = (lanternColor(h * 2.0 + 0.1) * vec3(1.2, 0.9, 0.6) + vec3(0.25, 0.1, 0.0)) * glow * (0.8 + 0.25 * key);
     }
 
     uint base = i * FLOATS_PER_VERTEX;

@@ -37,18 +37,18 @@ void introCompute(uint i) {
     float age = t - birth;
     float fadeIn = easeInOut(age / 0.8) * easeInOut(t / 1.5);
     float angle = k * 2.39996323 + t * 0.12;
-    float radius = 0.034 * sqrt(k + 1.0) * (1.0 + 0.08 * sin(t * 0.7 + k * 0.05));
+    float radius = 0.042 * sqrt(k + 1.0) * (1.0 + 0.08 * sin(t * 0.7 + k * 0.05));
     float lift = 0.12 * sin(radius * 4.0 - t * 1.3) + 0.25 * (1.0 - fadeIn);
     vec3 world = vec3(radius * cos(angle), lift, radius * sin(angle));
 
     // A camera that sinks from above the blossom towards its rim.
     float tilt = mix(1.15, 0.55, easeInOut(t / INTRO_END));
     world = rotX(tilt) * rotY(t * 0.08) * world;
-    float depth = world.z + 2.4 - 0.35 * easeInOut(t / INTRO_END);
+    float depth = world.z + 2.1 - 0.3 * easeInOut(t / INTRO_END);
     float focal = 1.5;
     vec2 centre = world.xy * focal / depth;
 
-    float size = (0.018 + 0.016 * hash11(k * 1.37)) * (0.6 + 0.4 * fadeIn) * focal / depth;
+    float size = (0.03 + 0.025 * hash11(k * 1.37)) * (0.6 + 0.4 * fadeIn) * focal / depth;
     vec2 offset = vec2(0.0);
     if (corner != 0u) {
         float a = (float(side) + float(corner - 1u)) * (TAU / float(LANTERN_SIDES));
@@ -61,8 +61,8 @@ void introCompute(uint i) {
     vec3 colour = lanternColor(hash11(k * 3.3) * 0.55 + radius * 0.25 + t * 0.02);
     float alpha = 0.0;
     if (corner == 0u) {
-        colour = mix(colour, vec3(1.0, 0.95, 0.85), 0.45);
-        alpha = 0.9 * fadeIn * flicker;
+        colour = mix(colour, vec3(1.0, 0.95, 0.85), 0.3) * 1.2;
+        alpha = fadeIn * flicker;
     }
 
     uint base = i * FLOATS_PER_VERTEX;
@@ -81,8 +81,8 @@ void introCompute(uint i) {
 // first scene of the middle section arriving over everything.
 vec4 introOverlay(vec2 fragCoord, vec2 uv, float t) {
     vec2 q = (fragCoord - 0.5 * frame.resolution) / frame.resolution.y;
-    float vignette = smoothstep(0.35, 1.05, length(q)) * 0.75;
-    float fromBlack = 1.0 - easeInOut(t / 1.2);
+    float vignette = smoothstep(0.45, 1.1, length(q)) * 0.6;
+    float fromBlack = 1.0 - easeInOut(t / 0.8);
     float darkness = max(vignette, fromBlack);
     vec4 over = vec4(vec3(0.0), darkness + (hash12(fragCoord + t) - 0.5) / 255.0);
     float handover = easeInOut((t - (INTRO_END - 1.0)) / 1.0);

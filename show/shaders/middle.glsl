@@ -96,30 +96,42 @@ vec3 sceneTunnel(vec2 q, float t, float beatPulse, float speed, float ramp) {
     vec2 uv = vec2(a * 3.0 + t * 0.02, 0.3 / r + t * speed);
     vec4 lattice = image(fract(uv), LAYER_PATTERN);
     vec3 tint = paletteRamp(fract(uv.y * 0.1 + 0.3), ramp);
-    vec3 col = lattice.rgb * tint * 1.6;
+    vec3 wall = image(fract(uv * vec2(0.5, 0.25)), LAYER_MARBLE).rgb * 0.22;
+    vec3 col = lattice.rgb * tint * 1.6 + wall * (1.0 - lattice.a);
     float fog = smoothstep(0.0, 0.45, r);
     col = col * fog + vec3(0.04, 0.03, 0.08) * (1.0 - fog);
     col += tint * 0.5 * exp(-r * 8.0) * (0.6 + beatPulse);
     return col * (0.8 + 0.3 * beatPulse);
 }
 
-// Aurora curtains over the water.
-vec3 sceneAurora(vec2 q, float t, float beatPulse) {
-    const float horizon = -0.2;
-    bool water = q.y < horizon;
-    vec2 p = water ? vec2(q.x, 2.0 * horizon - q.y) + vec2(0.02 * sin(q.y * 90.0 + t * 2.0), 0.0) : q;
-    vec3 col = nightSky(p, t, 0.0) * vec3(0.6, 0.8, 1.0);
+// Aurora curtains over a dark ridge and the water that mirrors them.
+vec3 auroraSky(vec2 p, float t, float beatPulse) {
+    vec3 col = nightSky(p + vec2(0.0, 0.1), t, 0.0) * vec3(0.55, 0.75, 1.0);
     for (int i = 0; i < 4; ++i) {
         float fi = float(i);
-        float curve = 0.18 + 0.12 * fi + 0.12 * (fbm(vec2(p.x * 1.3 + t * 0.05 * (1.0 + fi), fi * 3.1)) - 0.5);
+        float curve = 0.06 + 0.09 * fi + 0.14 * (fbm(vec2(p.x * 1.3 + t * 0.05 * (1.0 + fi), fi * 3.1)) - 0.5);
         float above = p.y - curve;
-        float curtain = exp(-max(above, 0.0) * (5.0 - fi)) * smoothstep(-0.04, 0.0, above);
-        float rays = 0.55 + 0.45 * valueNoise(vec2(p.x * 30.0 + fi * 9.0, t * 0.3));
-        vec3 c = paletteRamp(0.25 + 0.15 * fi + 0.1 * sin(t * 0.1), 3.0);
-        col += c * curtain * rays * (0.45 - 0.08 * fi) * (1.0 + 0.5 * beatPulse);
+        float curtain = exp(-max(above, 0.0) * (4.5 - fi * 0.6)) * smoothstep(-0.05, 0.0, above);
+        float rays = 0.5 + 0.5 * valueNoise(vec2(p.x * 28.0 + fi * 9.0, t * 0.3));
+        vec3 c = paletteRamp(0.2 + 0.18 * fi + 0.1 * sin(t * 0.1 + p.x), 3.0);
+        col += c * curtain * rays * (0.55 - 0.09 * fi) * (1.0 + 0.5 * beatPulse);
     }
-    if (water) col *= 0.45;
     return col;
+}
+
+vec3 sceneAurora(vec2 q, float t, float beatPulse) {
+    const float horizon = -0.1;
+    float ridge = horizon + 0.02 + 0.07 * fbm(vec2(q.x * 2.5 + 4.0, 0.5)) + 0.02 * valueNoise(vec2(q.x * 20.0, 1.0));
+    if (q.y > ridge) return auroraSky(q, t, beatPulse);
+    if (q.y > horizon) {
+        // The ridge: near black, lit faintly from above by the aurora.
+        return vec3(0.015, 0.025, 0.035) + vec3(0.05, 0.12, 0.08) * smoothstep(horizon, ridge, q.y) * (0.6 + 0.4 * fbm(q * 30.0));
+    }
+    float depth = horizon - q.y;
+    vec2 ripple = vec2(fbm(vec2(q.x * 6.0, depth * 50.0 - t * 0.7)) - 0.5, 0.0) * 0.08 * (0.2 + depth * 3.0);
+    vec3 reflected = auroraSky(vec2(q.x, horizon + depth * 1.6) + ripple, t, beatPulse);
+    float glint = smoothstep(0.75, 0.95, fbm(vec2(q.x * 40.0, depth * 160.0 - t)));
+    return reflected * (0.45 - 0.3 * smoothstep(0.0, 0.4, depth)) + vec3(0.1, 0.2, 0.15) * glint * 0.3;
 }
 
 int sceneIndex(float bar) {

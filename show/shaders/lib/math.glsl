@@ -22,5 +22,9 @@ float window(float x, float a, float b, float c, float d) {
     return smoothstep(a, b, x) * (1.0 - smoothstep(c, d, x));
 }
 
-// Soft tone curve so bright sums roll off instead of clipping to flat white.
-vec3 tonemap(vec3 c) { return 1.0 - exp(-max(c, 0.0) * 1.15); }
+// Linear up to 0.8, then a soft shoulder: bright sums roll off instead of clipping flat.
+vec3 tonemap(vec3 c) {
+    c = max(c, 0.0);
+    vec3 shoulder = 0.8 + 0.2 * (1.0 - exp(-(c - 0.8) / 0.2));
+    return mix(c, shoulder, step(0.8, c));
+}
