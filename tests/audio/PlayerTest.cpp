@@ -1,0 +1,408 @@
+// The player on SDL's disk driver: every transition of the state table, the position, seek
+// clamping, volume, the end of the song, and what reaches the output (read back from the file
+// the disk driver writes).
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cmath>
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+
+#include "audio/audio.h"
+#include "audio/internal/player_record.h"
+#include "support/TestMedia.h"
+
+namespace pelora::gamedev::core {
+namespace {
+
+using brisvale::test::TempDir;
+
+template <typename Predicate>
+bool waitUntil(Predicate done, int timeoutMs = 20000) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+struct Flags {
+    int running, paused, done;
+    bool operator==(const Flags&) const = default;
+};
+std::ostream& operator<<(std::ostream& os, const Flags& f) {
+    return os << "{running " << f.running << ", paused " << f.paused << ", done " << f.done << "}";
+}
+Flags flags(const audio_player* p) { return {p->running.load(), p->paused.load() ? 1 : 0, p->done.load()}; }
+
+constexpr Flags kCreated{0, 0, 0};
+constexpr Flags kPlaying{1, 0, 0};
+constexpr Flags kPaused{1, 1, 0};
+constexpr Flags kRanOut{0, 0, 1};
+constexpr Flags kRanOutPriming{1, 0, 1};
+
+class PlayerTest : public ::testing::Test {
+protected:
+    // A WAV song of `frames` frames, loaded from memory (s16) or from its path (float).
+    void load(int64_t frames, int rate = 32000, int channels = 2, bool fromMemory = true) {
+        signal_ = brisvale::test::makeSignal(frames, channels, rate);
+        path_ = dir_.file("song.wav");
+        brisvale::test::encodeFile(path_, {"wav", "pcm_s16le", rate, channels, {}, {}}, signal_);
+        if (fromMemory) {
+            const std::vector<uint8_t> bytes = brisvale::test::readFile(path_);
+            ASSERT_EQ(audio_song_load_from_memory(&song_, brisvale::test::mallocCopy(bytes),
+                                                  static_cast<int64_t>(bytes.size())),
+                      0);
+        } else {
+            ASSERT_EQ(audio_song_load(&song_, path_.c_str()), 0);
+        }
+    }
+    void TearDown() override {
+        audio_player_destroy(player_);
+        audio_song_destroy(&song_);
+        audio_set_error_logging(false);
+        unsetenv("SDL_DISKAUDIOFILE");
+    }
+    void create() {
+        player_ = audio_player_create(&song_);
+        ASSERT_NE(player_, nullptr);
+    }
+
+    TempDir dir_;
+    std::string path_;
+    std::vector<int16_t> signal_;
+    audio_song song_{};
+    audio_player* player_ = nullptr;
+};
+
+TEST_F(PlayerTest, CreateStartTwiceAndTheNullCases) {
+    EXPECT_EQ(audio_player_create(nullptr), nullptr);
+    EXPECT_TRUE(audio_player_is_done(nullptr));
+    EXPECT_EQ(audio_player_duration(nullptr), -1.0);
+    EXPECT_EQ(audio_player_get_time(nullptr), -1.0);
+    EXPECT_EQ(audio_player_start(nullptr), -1);
+    EXPECT_EQ(audio_player_stop(nullptr), -1);
+    EXPECT_EQ(audio_player_pause(nullptr), -1);
+    EXPECT_EQ(audio_player_resume(nullptr), -1);
+    EXPECT_EQ(audio_player_seek(nullptr, 1.0), -1);
+    EXPECT_EQ(audio_player_set_volume(nullptr, 0.5f), -1);
+    audio_player_destroy(nullptr);
+
+    load(32000 * 4);
+    create();
+    EXPECT_EQ(flags(player_), kCreated);
+    EXPECT_EQ(audio_player_duration(player_), 4.0);
+    EXPECT_FALSE(audio_player_is_done(player_));
+    EXPECT_EQ(audio_player_get_time(player_), -1.0) << "not running yet";
+    EXPECT_EQ(audio_player_pause(player_), -1);
+    EXPECT_EQ(audio_player_resume(player_), -1) << "resume from Created is refused";
+    EXPECT_EQ(audio_player_stop(player_), -1);
+    EXPECT_EQ(flags(player_), kCreated);
+
+    ASSERT_EQ(audio_player_start(player_), 0);
+    EXPECT_EQ(flags(player_), kPlaying);
+    EXPECT_EQ(player_->buffer_count, 6u);
+    EXPECT_EQ(player_->buffer_frames, 2048u);
+    EXPECT_EQ(player_->buffers[0]->capacityBytes, 2048u * 4u) << "16-bit stereo";
+    EXPECT_GE(audio_player_get_time(player_), 0.0);
+    EXPECT_EQ(audio_player_start(player_), -1);
+    EXPECT_EQ(flags(player_), kPlaying);
+}
+
+TEST_F(PlayerTest, PauseResumeAndTheClock) {
+    load(32000 * 8);
+    create();
+    ASSERT_EQ(audio_player_start(player_), 0);
+    ASSERT_TRUE(waitUntil([&] { return audio_player_get_time(player_) > 0.1; }));
+    const double before = audio_player_get_time(player_);
+
+    ASSERT_EQ(audio_player_pause(player_), 0);
+    EXPECT_EQ(flags(player_), kPaused);
+    const double held = audio_player_get_time(player_);
+    EXPECT_GE(held, before);
+    EXPECT_EQ(held, player_->paused_seconds);
+    EXPECT_EQ(player_->resume_frame, static_cast<int64_t>(held * 32000));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(audio_player_get_time(player_), held) << "the clock holds while paused";
+    EXPECT_EQ(audio_player_pause(player_), -1) << "pausing twice";
+    EXPECT_EQ(audio_player_start(player_), -1);
+
+    ASSERT_EQ(audio_player_resume(player_), 0);
+    EXPECT_EQ(flags(player_), kPlaying);
+    const double resumedAt = static_cast<double>(player_->resume_frame) / 32000.0;
+    EXPECT_EQ(player_->base_seconds, resumedAt);
+    EXPECT_GE(audio_player_get_time(player_), resumedAt);
+    ASSERT_TRUE(waitUntil([&] { return audio_player_get_time(player_) > resumedAt + 0.05; }));
+    EXPECT_LT(audio_player_get_time(player_), 8.0);
+
+    // Resume while playing restarts from resume_frame.
+    ASSERT_TRUE(waitUntil([&] { return audio_player_get_time(player_) > resumedAt + 0.5; }));
+    ASSERT_EQ(audio_player_resume(player_), 0);
+    EXPECT_EQ(flags(player_), kPlaying);
+    const double t = audio_player_get_time(player_);
+    EXPECT_GE(t, resumedAt);
+    EXPECT_LT(t, resumedAt + 0.5);
+}
+
+TEST_F(PlayerTest, StopThenSeekThenResumePlaysFromTheNewPosition) {
+    load(32000 * 6);
+    create();
+    ASSERT_EQ(audio_player_start(player_), 0);
+    ASSERT_EQ(audio_player_stop(player_), 0);
+    EXPECT_EQ(flags(player_), (Flags{0, 0, 1}));
+    EXPECT_TRUE(audio_player_is_done(player_));
+    EXPECT_EQ(audio_player_get_time(player_), -1.0);
+    EXPECT_EQ(audio_player_stop(player_), -1);
+    EXPECT_EQ(audio_player_start(player_), -1) << "no start after stop";
+    EXPECT_EQ(audio_player_resume(player_), -1) << "resume from Stopped is refused";
+    EXPECT_EQ(audio_player_pause(player_), -1);
+
+    ASSERT_EQ(audio_player_seek(player_, 4.0), 0);
+    EXPECT_EQ(flags(player_), kPaused) << "seek revives a stopped player, paused";
+    EXPECT_EQ(audio_player_get_time(player_), 4.0);
+    EXPECT_EQ(player_->resume_frame, 4 * 32000);
+    ASSERT_EQ(audio_player_resume(player_), 0);
+    EXPECT_EQ(flags(player_), kPlaying);
+    EXPECT_GE(audio_player_get_time(player_), 4.0);
+    ASSERT_TRUE(waitUntil([&] { return audio_player_get_time(player_) > 4.05; }));
+}
+
+TEST_F(PlayerTest, StopWhilePausedKeepsPausedAndAllowsResume) {
+    load(32000 * 4);
+    create();
+    ASSERT_EQ(audio_player_start(player_), 0);
+    ASSERT_EQ(audio_player_pause(player_), 0);
+    ASSERT_EQ(audio_player_stop(player_), 0);
+    EXPECT_EQ(flags(player_), (Flags{0, 1, 1}));
+    ASSERT_EQ(audio_player_resume(player_), 0) << "paused is set, so resume is accepted";
+    EXPECT_EQ(flags(player_), kPlaying);
+}
+
+TEST_F(PlayerTest, SeekClampsToTheSongAndKeepsAPausedPlayerPaused) {
+    load(32000 * 3);
+    create();
+    ASSERT_EQ(audio_player_start(player_), 0);
+    ASSERT_EQ(audio_player_seek(player_, 2.0), 0);
+    ASSERT_EQ(audio_player_seek(player_, -5.0), 0);
+    EXPECT_EQ(flags(player_), kPlaying) << "seek while playing keeps playing";
+    EXPECT_EQ(player_->resume_frame, 0);
+    // The tap forgot what came before: priming refilled it from frame 0 (six buffers).
+    std::vector<float> recent(8192);
+    ASSERT_EQ(audio_player_get_recent_samples(player_, recent.data(), 8192), 8192u);
+    const int64_t newest = 6 * 2048 - 1;
+    EXPECT_EQ(recent[8191], (signal_[newest * 2] / 32768.0f + signal_[newest * 2 + 1] / 32768.0f) / 2.0f);
+
+    ASSERT_EQ(audio_player_pause(player_), 0);
+    ASSERT_EQ(audio_player_seek(player_, 99.0), 0);
+    EXPECT_EQ(flags(player_), kPaused);
+    EXPECT_EQ(player_->resume_frame, 3 * 32000 - 1) << "past the end goes to the last frame";
+    EXPECT_EQ(audio_player_get_time(player_), (3.0 * 32000 - 1) / 32000);
+    EXPECT_EQ(player_->recent_count, 0u);
+
+    ASSERT_EQ(audio_player_seek(player_, 1.25), 0);
+    EXPECT_EQ(flags(player_), kPaused);
+    EXPECT_EQ(audio_player_get_time(player_), 1.25);
+    EXPECT_EQ(player_->resume_frame, 40000);
+}
+
+TEST_F(PlayerTest, SeekBeforeTheFirstStartLeavesAPlayerThatNeverPlays) {
+    load(32000 * 2);
+    create();
+    ASSERT_EQ(audio_player_seek(player_, 0.5), 0);
+    EXPECT_EQ(flags(player_), kPaused);
+    EXPECT_EQ(player_->buffers, nullptr);
+    EXPECT_EQ(audio_player_start(player_), -1) << "it counts as running";
+    EXPECT_EQ(audio_player_resume(player_), -1) << "no buffers to prime";
+}
+
+TEST_F(PlayerTest, ASongShorterThanTheBuffersRunsOutWhilePriming) {
+    load(5000);
+    create();
+    ASSERT_EQ(audio_player_start(player_), 0);
+    EXPECT_EQ(flags(player_), kRanOutPriming);
+    EXPECT_TRUE(audio_player_is_done(player_));
+    EXPECT_EQ(audio_player_start(player_), -1);
+}
+
+TEST_F(PlayerTest, RunsOutAtTheEndWithOneMessageAndSeekRevivesIt) {
+    load(32000);
+    create();
+    audio_set_error_logging(true);
+    testing::internal::CaptureStderr();
+    ASSERT_EQ(audio_player_start(player_), 0);
+    ASSERT_TRUE(waitUntil([&] { return audio_player_is_done(player_); }));
+    const std::string out = testing::internal::GetCapturedStderr();
+    audio_set_error_logging(false);
+    EXPECT_EQ(out, "\nExtAudioFileRead failed or EOF: 0\n");
+
+    EXPECT_EQ(flags(player_), kRanOut);
+    EXPECT_EQ(audio_player_get_time(player_), -1.0);
+    EXPECT_EQ(audio_player_start(player_), -1);
+    EXPECT_EQ(audio_player_stop(player_), -1);
+    EXPECT_EQ(audio_player_pause(player_), -1);
+    EXPECT_EQ(audio_player_resume(player_), -1);
+
+    ASSERT_EQ(audio_player_seek(player_, 0.25), 0);
+    EXPECT_EQ(flags(player_), kPaused);
+    ASSERT_EQ(audio_player_resume(player_), 0);
+    EXPECT_EQ(flags(player_), kPlaying);
+    ASSERT_TRUE(waitUntil([&] { return audio_player_is_done(player_); }));
+}
+
+TEST_F(PlayerTest, UnknownLengthSeeksAreNotClampedAbove) {
+    const std::string path = dir_.file("raw.aac");
+    brisvale::test::encodeFile(path, {"adts", "aac", 32000, 2, {}, {}}, brisvale::test::makeSignal(32000, 2, 32000));
+    const std::vector<uint8_t> bytes = brisvale::test::readFile(path);
+    ASSERT_EQ(audio_song_load_from_memory(&song_, brisvale::test::mallocCopy(bytes), static_cast<int64_t>(bytes.size())), 0);
+    create();
+    EXPECT_EQ(audio_player_duration(player_), 0.0);
+    ASSERT_EQ(audio_player_start(player_), 0);
+    ASSERT_EQ(audio_player_seek(player_, 100.0), 0);
+    EXPECT_EQ(player_->resume_frame, 100 * 32000);
+    // Nothing lies there: the first refill ends the song.
+    ASSERT_EQ(audio_player_resume(player_), 0);
+    EXPECT_EQ(flags(player_), kRanOutPriming);
+}
+
+TEST_F(PlayerTest, VolumeIsCheckedAndTheDurationFollowsTheSong) {
+    load(3200, 32000, 1, false);
+    create();
+    EXPECT_EQ(audio_player_duration(player_), 0.1);
+    EXPECT_EQ(audio_player_set_volume(player_, 1.5f), -1);
+    EXPECT_EQ(audio_player_set_volume(player_, -0.1f), -1);
+    EXPECT_EQ(audio_player_set_volume(player_, 0.0f), 0);
+    EXPECT_EQ(audio_player_set_volume(player_, 1.0f), 0);
+    EXPECT_EQ(player_->buffers, nullptr);
+    ASSERT_EQ(audio_player_start(player_), 0);
+    EXPECT_EQ(player_->buffers[0]->capacityBytes, 2048u * 4u) << "float mono";
+}
+
+// ---------------------------------------------------------------------------------------------
+// What reaches the device, from the file the disk driver writes.
+
+template <typename Sample>
+std::vector<Sample> readOutput(const std::string& path) {
+    const std::vector<uint8_t> bytes = brisvale::test::readFile(path);
+    std::vector<Sample> out(bytes.size() / sizeof(Sample));
+    std::memcpy(out.data(), bytes.data(), out.size() * sizeof(Sample));
+    return out;
+}
+
+// Index of the first occurrence of `needle` in `hay`, or npos.
+template <typename Sample>
+size_t find(const std::vector<Sample>& hay, const std::vector<Sample>& needle) {
+    const auto it = std::search(hay.begin(), hay.end(), needle.begin(), needle.end());
+    return it == hay.end() ? std::string::npos : static_cast<size_t>(it - hay.begin());
+}
+
+TEST_F(PlayerTest, OutputCarriesTheVolumeButTheTapDoesNot_S16) {
+    load(20000, 32000, 2, true);
+    const std::string out = dir_.file("out.raw");
+    setenv("SDL_DISKAUDIOFILE", out.c_str(), 1);
+    create();
+    ASSERT_EQ(audio_player_set_volume(player_, 0.5f), 0);
+    ASSERT_EQ(audio_player_start(player_), 0);
+    ASSERT_TRUE(waitUntil([&] { return audio_player_is_done(player_); }));
+    // Let the queue play out, then some silence after it.
+    std::vector<int16_t> expected(signal_.size());
+    for (size_t i = 0; i < signal_.size(); ++i) {
+        expected[i] = static_cast<int16_t>(std::lrintf(signal_[i] * 0.5f));
+    }
+    size_t at = std::string::npos;
+    ASSERT_TRUE(waitUntil([&] {
+        const auto written = readOutput<int16_t>(out);
+        at = find(written, expected);
+        return at != std::string::npos && written.size() >= at + expected.size() + 4096;
+    })) << "the whole song, at half volume, reaches the output";
+
+    // The tap saw the samples before the volume.
+    std::vector<float> recent(4);
+    ASSERT_EQ(audio_player_get_recent_samples(player_, recent.data(), 2), 2u);
+    const size_t n = signal_.size();
+    EXPECT_EQ(recent[1], (signal_[n - 2] / 32768.0f + signal_[n - 1] / 32768.0f) / 2.0f);
+
+    audio_player_destroy(player_);
+    player_ = nullptr;
+    const auto written = readOutput<int16_t>(out);
+    for (size_t i = 0; i < at; ++i) {
+        ASSERT_EQ(written[i], 0) << "only silence before the song, at " << i;
+    }
+    for (size_t i = at + expected.size(); i < written.size(); ++i) {
+        ASSERT_EQ(written[i], 0) << "only silence after the end of the song, at " << i;
+    }
+}
+
+TEST_F(PlayerTest, OutputOfAFloatSongAtFullAndZeroVolume) {
+    load(9000, 32000, 1, false);
+    const std::string out = dir_.file("out.raw");
+    setenv("SDL_DISKAUDIOFILE", out.c_str(), 1);
+    create();
+    ASSERT_EQ(audio_player_start(player_), 0);
+    std::vector<float> expected(signal_.size());
+    for (size_t i = 0; i < signal_.size(); ++i) {
+        expected[i] = signal_[i] / 32768.0f;
+    }
+    size_t at = std::string::npos;
+    ASSERT_TRUE(waitUntil([&] {
+        const auto written = readOutput<float>(out);
+        at = find(written, expected);
+        return at != std::string::npos;
+    }));
+
+    // Shorter than the buffers: it ran out while priming and still counts as running, so a seek
+    // plays it again at once.
+    EXPECT_EQ(flags(player_), kRanOutPriming);
+    ASSERT_TRUE(waitUntil([&] { return audio_player_get_time(player_) >= 9000.0 / 32000; }));
+    ASSERT_EQ(audio_player_set_volume(player_, 0.0f), 0);
+    ASSERT_EQ(audio_player_seek(player_, 0.0), 0);
+    EXPECT_EQ(flags(player_), kRanOutPriming);
+    ASSERT_TRUE(waitUntil([&] { return audio_player_get_time(player_) >= 9000.0 / 32000; }))
+        << "the second run has played out";
+    std::vector<float> recent(8);
+    ASSERT_EQ(audio_player_get_recent_samples(player_, recent.data(), 8), 8u);
+    EXPECT_EQ(recent[7], expected.back()) << "the tap is not silenced";
+    audio_player_destroy(player_);
+    player_ = nullptr;
+    const auto written = readOutput<float>(out);
+    for (size_t i = at + expected.size(); i < written.size(); ++i) {
+        ASSERT_EQ(written[i], 0.0f) << "silent second run, at " << i;
+    }
+}
+
+TEST_F(PlayerTest, SeekLandsOnTheExactFrameInTheOutput) {
+    load(32000 * 2, 32000, 2, true);
+    const std::string out = dir_.file("out.raw");
+    setenv("SDL_DISKAUDIOFILE", out.c_str(), 1);
+    create();
+    ASSERT_EQ(audio_player_start(player_), 0);
+    ASSERT_EQ(audio_player_stop(player_), 0);
+    const int64_t target = 23457;
+    ASSERT_EQ(audio_player_seek(player_, (target + 0.5) / 32000.0), 0);
+    EXPECT_EQ(player_->resume_frame, target);
+    ASSERT_EQ(audio_player_resume(player_), 0);
+    ASSERT_TRUE(waitUntil([&] { return audio_player_is_done(player_); }));
+
+    const std::vector<int16_t> tail(signal_.begin() + target * 2, signal_.end());
+    size_t at = std::string::npos;
+    ASSERT_TRUE(waitUntil([&] {
+        at = find(readOutput<int16_t>(out), tail);
+        return at != std::string::npos;
+    }));
+    const auto written = readOutput<int16_t>(out);
+    if (at >= 2) {
+        EXPECT_FALSE(written[at - 2] == signal_[target * 2 - 2] && written[at - 1] == signal_[target * 2 - 1])
+            << "the frame before the target is not played before it";
+    }
+    for (size_t i = at + tail.size(); i < written.size(); ++i) {
+        ASSERT_EQ(written[i], 0) << "the song ends after its last frame, at " << i;
+    }
+}
+
+} // namespace
+} // namespace pelora::gamedev::core
