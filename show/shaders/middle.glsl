@@ -64,7 +64,7 @@ vec3 sceneHarbour(vec2 q, float t, float beatPulse) {
     // The title card rises out of the dark and leaves before the melody comes in.
     float title = window(t, 10.0, 12.5, 22.5, 26.0);
     if (title > 0.0) {
-        vec2 uv = vec2(q.x, -(q.y - 0.05 - 0.02 * (1.0 - title))) * 1.05 + 0.5;
+        vec2 uv = vec2(q.x, -(q.y - 0.17 - 0.02 * (1.0 - title))) * 1.05 + 0.5;
         if (all(greaterThanEqual(uv, vec2(0.0))) && all(lessThanEqual(uv, vec2(1.0)))) {
             vec4 card = image(uv, LAYER_TITLE) * title;  // premultiplied
             col = col * (1.0 - card.a) + card.rgb * 1.1;

@@ -35,10 +35,10 @@ struct TitleMasks {
 TitleMasks titleMasks(int size) {
     const float s = static_cast<float>(size) / kSize;
     sg::Font bold(kFontDir + "DejaVuSans-Bold.ttf");
-    sg::Font light(kFontDir + "DejaVuSans-ExtraLight.ttf");
+    sg::Font light(kFontDir + "DejaVuSans.ttf");
     TitleMasks m{sg::Mask(size, size), sg::Mask(size, size), sg::Mask(size, size)};
-    const float titleHeight = 210.0f * s, subHeight = 40.0f * s;
-    const float titleTracking = 4.0f * s, subTracking = 9.0f * s;
+    const float titleHeight = 210.0f * s, subHeight = 34.0f * s;
+    const float titleTracking = 4.0f * s, subTracking = 7.0f * s;
     const float tw = bold.measure(kTitle, titleHeight, titleTracking);
     bold.draw(m.title, kTitle, (static_cast<float>(size) - tw) * 0.5f, 520.0f * s, titleHeight, titleTracking);
     const float sw = light.measure(kSubtitle, subHeight, subTracking);

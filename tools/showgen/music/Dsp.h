@@ -49,7 +49,8 @@ enum class Wave { Saw, Square, Triangle, Sine };
 // Band-limited oscillator; the triangle is a leaky-integrated polyBLEP square.
 class Oscillator {
 public:
-    explicit Oscillator(double phase = 0.0) : phase_(phase) {}
+    // The triangle's integrator starts on the waveform, so it begins without a DC offset.
+    explicit Oscillator(double phase = 0.0) : phase_(phase), tri_(phase < 0.5 ? 4.0 * phase - 1.0 : 3.0 - 4.0 * phase) {}
     double next(double hz, Wave wave, double pulseWidth = 0.5) {
         const double dt = std::clamp(hz / kSampleRate, 0.0, 0.49);
         double out = 0.0;
@@ -74,7 +75,7 @@ public:
     }
 private:
     double phase_;
-    double tri_ = 0.0;
+    double tri_;
 };
 
 // Linear-attack, exponential decay/release ADSR. Times in seconds.

@@ -1,0 +1,89 @@
+// The default show's content is made at build time; the same sources must give the same
+// bytes. Runs the generators and the packer twice into separate folders and compares.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::vector<char> bytesOf(const fs::path& p) {
+    std::ifstream in(p, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+int run(const std::string& command) { return std::system((command + " >/dev/null 2>&1").c_str()); }
+
+class Build {
+public:
+    explicit Build(const fs::path& root) : root_(root) {}
+    // Generates, stages and packs as show/CMakeLists.txt does; returns the container's path.
+    fs::path make() const {
+        const fs::path gen = root_ / "generated", stage = root_ / "stage";
+        fs::create_directories(gen / "images");
+        fs::create_directories(stage / "images");
+        fs::create_directories(stage / "music");
+        EXPECT_EQ(run(std::string(BRISVALE_MAKE_IMAGES) + " " + (gen / "images").string()), 0);
+        EXPECT_EQ(run(std::string(BRISVALE_MAKE_MUSIC) + " " + (stage / "music" / "lanterns-over-brisvale.ogg").string() +
+                      " " + (gen / "images" / "cover.png").string()),
+                  0);
+        for (const char* image : {"title.png", "marble.png", "palette.png", "pattern.png"})
+            fs::copy_file(gen / "images" / image, stage / "images" / image);
+        const fs::path source = BRISVALE_SHOW_SOURCE;
+        fs::copy(source / "shaders", stage / "shaders", fs::copy_options::recursive);
+        fs::copy_file(source / "demo.ini", stage / "demo.ini");
+        fs::copy_file(source / "assets.txt", stage / "assets.txt");
+        const fs::path out = root_ / "demo.dat";
+        EXPECT_EQ(run(std::string(BRISVALE_PACK) + " -o " + out.string() + " " + stage.string()), 0);
+        return out;
+    }
+    fs::path generated(const char* name) const { return root_ / "generated" / "images" / name; }
+    fs::path music() const { return root_ / "stage" / "music" / "lanterns-over-brisvale.ogg"; }
+
+private:
+    fs::path root_;
+};
+
+class TempRoot {
+public:
+    TempRoot() {
+        std::string pattern = (fs::temp_directory_path() / "brisvale-show-XXXXXX").string();
+        if (!mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
+        path_ = pattern;
+    }
+    ~TempRoot() {
+        std::error_code ignored;
+        fs::remove_all(path_, ignored);
+    }
+    TempRoot(const TempRoot&) = delete;
+    TempRoot& operator=(const TempRoot&) = delete;
+    const fs::path& path() const { return path_; }
+
+private:
+    fs::path path_;
+};
+
+TEST(ShowBuild, TwoBuildsGiveTheSameDemoDat) {
+    TempRoot root;
+    const Build first(root.path() / "a"), second(root.path() / "b");
+    const fs::path a = first.make(), b = second.make();
+    ASSERT_TRUE(fs::exists(a));
+    ASSERT_TRUE(fs::exists(b));
+    for (const char* image : {"title.png", "marble.png", "palette.png", "pattern.png", "cover.png"})
+        EXPECT_EQ(bytesOf(first.generated(image)), bytesOf(second.generated(image))) << image;
+    const std::vector<char> musicA = bytesOf(first.music());
+    EXPECT_GT(musicA.size(), 1000000u);
+    EXPECT_EQ(musicA, bytesOf(second.music()));
+    const std::vector<char> packedA = bytesOf(a);
+    EXPECT_GT(packedA.size(), musicA.size());
+    EXPECT_EQ(packedA, bytesOf(b));
+}
+
+}  // namespace
