@@ -1,0 +1,156 @@
+// The window surface on a private Xvfb display with lavapipe: a FIFO swapchain on an SDL2
+// window, frames drawn at the drawable size and stretched over the window, recreated when the
+// window's size changes, with the validation layer watching.
+
+#include "RenderTestSupport.h"
+
+#include "render/gpu/CompletionThread.h"
+#include "render/gpu/WindowSurface.h"
+
+#include <SDL2/SDL.h>
+#include <SDL2/SDL_vulkan.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+extern char** environ;
+
+namespace brisvale::testing {
+namespace {
+
+// Xvfb on a display of its own for the life of the test.
+class PrivateDisplay {
+public:
+    PrivateDisplay() {
+        for (int display = 90 + getpid() % 50; display < 200 && pid_ < 0; ++display) {
+            const std::string socket = "/tmp/.X11-unix/X" + std::to_string(display);
+            if (std::filesystem::exists(socket)) continue;
+            const std::string name = ":" + std::to_string(display);
+            const char* argv[] = {"Xvfb", name.c_str(), "-screen", "0", "640x480x24", "-nolisten", "tcp", nullptr};
+            pid_t pid = -1;
+            if (posix_spawnp(&pid, "Xvfb", nullptr, nullptr, const_cast<char**>(argv), environ) != 0) return;
+            for (int i = 0; i < 100 && !std::filesystem::exists(socket); ++i) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            }
+            if (!std::filesystem::exists(socket)) {
+                kill(pid, SIGTERM);
+                waitpid(pid, nullptr, 0);
+                continue;
+            }
+            pid_ = pid;
+            name_ = name;
+        }
+    }
+    ~PrivateDisplay() {
+        if (pid_ > 0) {
+            kill(pid_, SIGTERM);
+            waitpid(pid_, nullptr, 0);
+        }
+    }
+    PrivateDisplay(const PrivateDisplay&) = delete;
+    PrivateDisplay& operator=(const PrivateDisplay&) = delete;
+    bool running() const { return pid_ > 0; }
+    const std::string& name() const { return name_; }
+
+private:
+    pid_t pid_ = -1;
+    std::string name_;
+};
+
+// One RGB pixel of the display's root window, through ImageMagick's import.
+Pixel screenPixel(const std::string& display, int x, int y) {
+    const std::string command = "DISPLAY=" + display + " import -window root -crop 1x1+" + std::to_string(x) + "+" +
+                                std::to_string(y) + " -depth 8 rgb:- 2>/dev/null";
+    FILE* pipe = popen(command.c_str(), "r");
+    unsigned char rgb[3] = {0, 0, 0};
+    const std::size_t n = pipe ? std::fread(rgb, 1, 3, pipe) : 0;
+    if (pipe) pclose(pipe);
+    if (n != 3) return Pixel{-1, -1, -1, -1};
+    return Pixel{rgb[0], rgb[1], rgb[2], 255};
+}
+
+class WindowSurfaceTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(display_.running()) << "Xvfb did not start";
+        ::setenv("DISPLAY", display_.name().c_str(), 1);
+        ::setenv("SDL_VIDEODRIVER", "x11", 1);
+        ASSERT_EQ(SDL_Init(SDL_INIT_VIDEO), 0) << SDL_GetError();
+        window_ = SDL_CreateWindow("surface test", 0, 0, 320, 240, SDL_WINDOW_VULKAN | SDL_WINDOW_SHOWN);
+        ASSERT_NE(window_, nullptr) << SDL_GetError();
+        unsigned count = 0;
+        ASSERT_TRUE(SDL_Vulkan_GetInstanceExtensions(window_, &count, nullptr));
+        std::vector<const char*> names(count);
+        ASSERT_TRUE(SDL_Vulkan_GetInstanceExtensions(window_, &count, names.data()));
+        gpu::DeviceOptions options;
+        options.validation = true;
+        options.instanceExtensions.assign(names.begin(), names.end());
+        device_ = gpu::Device::create(options);
+        ASSERT_NE(device_, nullptr);
+        ASSERT_TRUE(device_->supportsSwapchain());
+    }
+    void TearDown() override {
+        if (device_) {
+            EXPECT_EQ(device_->validationMessageCount(), 0u);
+        }
+        device_.reset();
+        if (window_) SDL_DestroyWindow(window_);
+        SDL_Quit();
+    }
+    void pumpEvents() {
+        SDL_Event event;
+        while (SDL_PollEvent(&event)) {
+        }
+    }
+
+    PrivateDisplay display_;
+    SDL_Window* window_ = nullptr;
+    TempDir dir_;
+    MainQueue queue_;
+    std::unique_ptr<gpu::Device> device_;
+};
+
+TEST_F(WindowSurfaceTest, DrawsEveryPhaseOntoTheWindowAndFollowsItsSize) {
+    auto surface = gpu::createWindowSurface(*device_, window_);
+    ASSERT_NE(surface, nullptr);
+    EXPECT_TRUE(surface->colorFormat() == VK_FORMAT_B8G8R8A8_UNORM || surface->colorFormat() == VK_FORMAT_R8G8B8A8_UNORM);
+    EXPECT_EQ(surface->drawableWidth(), 320u);
+    EXPECT_EQ(surface->drawableHeight(), 240u);
+    {
+        Renderer renderer(device_.get(), surface.get(), makeArchive(dir_, {}), markerManifest(), queue_.poster());
+        renderer.resize({320, 240});
+        for (int i = 0; i < 30; ++i) {
+            pumpEvents();
+            renderer.draw(FrameInfo{static_cast<float>(i % 3 == 0 ? 1 : i % 3 == 1 ? 150 : 50), 0.016f, 0, 0});
+        }
+        // Drawn smaller than the window and stretched over it.
+        surface->setDrawableSize(64, 48);
+        for (int i = 0; i < 10; ++i) renderer.draw(FrameInfo{50.0f, 0.016f, 0, 0});
+        device_->waitIdle();
+        // The middle phase: the quad over the clear colour, below the quad's top band.
+        EXPECT_TRUE(near(screenPixel(display_.name(), 160, 200), expected(0.01f, 0.01f, 0.5125f), 3));
+
+        // A new window size: the swapchain is rebuilt and drawing goes on.
+        SDL_SetWindowSize(window_, 200, 150);
+        pumpEvents();
+        for (int i = 0; i < 10; ++i) renderer.draw(FrameInfo{150.0f, 0.016f, 0, 0});
+        device_->waitIdle();
+        device_->completions().drain();
+    }
+}
+
+TEST_F(WindowSurfaceTest, ADeviceWithoutSurfaceExtensionsCannotPresentToAWindow) {
+    auto plain = gpu::Device::create({});
+    ASSERT_NE(plain, nullptr);
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(gpu::createWindowSurface(*plain, window_), nullptr);
+    EXPECT_NE(::testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(gpu::createWindowSurface(*device_, nullptr), nullptr);
+}
+
+} // namespace
+} // namespace brisvale::testing
