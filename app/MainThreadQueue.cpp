@@ -25,7 +25,8 @@ void MainThreadQueue::postAfter(std::chrono::milliseconds delay, Task task) {
     delayed_.push_back({Clock::now() + delay, std::move(task)});
 }
 
-std::size_t MainThreadQueue::runPending() {
+std::size_t MainThreadQueue::runPending(const std::function<bool()>& stopRequested) {
+    auto stopping = [&] { return stopRequested && stopRequested(); };
     std::deque<Task> batch;
     {
         std::lock_guard<std::mutex> guard(lock_);
@@ -34,6 +35,9 @@ std::size_t MainThreadQueue::runPending() {
     }
     std::size_t ran = 0;
     for (Task& task : batch) {
+        if (stopping()) {
+            return ran;
+        }
         task();
         ++ran;
     }
@@ -49,6 +53,9 @@ std::size_t MainThreadQueue::runPending() {
         }
     }
     for (Task& task : due) {
+        if (stopping()) {
+            return ran;
+        }
         task();
         ++ran;
     }

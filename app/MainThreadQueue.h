@@ -26,7 +26,8 @@ public:
     // Main thread only.
     void postAfter(std::chrono::milliseconds delay, Task task);
     // Runs the tasks posted before the call and the delayed tasks that are due; returns how many ran.
-    std::size_t runPending();
+    // Once `stopRequested` answers true (the application is quitting) no further task starts.
+    std::size_t runPending(const std::function<bool()>& stopRequested = nullptr);
     // How long the event loop may sleep before a delayed task is due; -1 for "until woken".
     int millisecondsUntilNextDue() const;
     // Drops every task without running it (the event loop has ended).

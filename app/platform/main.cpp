@@ -115,9 +115,8 @@ int runApplication() {
                 handleEvent(event, application, delegate);
             } while (!application.isTerminating() && SDL_PollEvent(&event));
         }
-        if (!application.isTerminating()) {
-            mainQueue.runPending();
-        }
+        // A task that asks to quit is the last one: quitting does not return to the queue.
+        mainQueue.runPending([&application] { return application.isTerminating(); });
     }
     delegate.applicationWillTerminate();
     reportFramePump(delegate);

@@ -42,6 +42,21 @@ TEST(MainThreadQueue, ATaskPostedWhileRunningWaitsForTheNextRound) {
     EXPECT_EQ(second, 1);
 }
 
+TEST(MainThreadQueue, NoTaskStartsOnceTheApplicationQuits) {
+    MainThreadQueue queue(nullptr);
+    bool quitting = false;
+    std::vector<int> ran;
+    queue.post([&] { ran.push_back(1); });
+    queue.post([&] {
+        ran.push_back(2);
+        quitting = true;
+    });
+    queue.post([&] { ran.push_back(3); });
+    queue.postAfter(std::chrono::milliseconds(0), [&] { ran.push_back(4); });
+    EXPECT_EQ(queue.runPending([&] { return quitting; }), 2u);
+    EXPECT_EQ(ran, (std::vector<int>{1, 2}));
+}
+
 TEST(MainThreadQueue, DelayedTasksWaitForTheirTime) {
     MainThreadQueue queue(nullptr);
     EXPECT_EQ(queue.millisecondsUntilNextDue(), -1);
