@@ -54,20 +54,27 @@ void Renderer::Impl::draw(const FrameInfo& frame) {
     const std::uint32_t inFlight = framesInFlight.fetch_add(1) + 1;
     if (inFlight > mostFramesInFlight.load()) mostFramesInFlight.store(inFlight);
     try {
-        ensureDepthTexture(drawable.texture->width(), drawable.texture->height());
+        encodeAndCommit(frame);
     } catch (...) {
+        // Nothing was submitted: the slot goes back so that the caller may go on drawing.
         framesInFlight.fetch_sub(1);
-        inFlightSemaphore.release();  // the caller may go on drawing
+        inFlightSemaphore.release();
         throw;
     }
+}
+
+void Renderer::Impl::encodeAndCommit(const FrameInfo& frame) {
+    using namespace shader_interface;
+    ensureDepthTexture(drawable.texture->width(), drawable.texture->height());
 
     // The slot three frames back has completed (the semaphore, and handlers run in order), so
     // its command buffer, descriptor sets and keep-alives are free again.
     const std::uint32_t slotIndex = requestBufferIndex;
     FrameSlot& slot = slots[slotIndex];
     gpu::CommandBuffer& commands = commandQueue->buffer(slotIndex);
-    slot.request = geometryRequestBuffers[requestBufferIndex];
-    requestBufferIndex = (requestBufferIndex + 1) % renderer_limits::kFramesInFlight;
+    // This frame's request record; requestBufferIndex moves on once the frame is submitted, so
+    // a frame that fails before then leaves the rotation (and the slots) in step.
+    slot.request = geometryRequestBuffers[slotIndex];
 
     const FramePhase phase = phaseForTime(frame.timeSeconds);
     const bool runsCompute = phase != FramePhase::Middle;
@@ -209,6 +216,7 @@ void Renderer::Impl::draw(const FrameInfo& frame) {
         inFlightSemaphore.release();
         return;
     }
+    requestBufferIndex = (slotIndex + 1) % renderer_limits::kFramesInFlight;
     device->completions().watch(commands.fence(), &slot);
     layer->present(drawable);
 }

@@ -58,6 +58,7 @@ struct Renderer::Impl {
 
     void resize(SurfaceSize size) { surfaceSize = size; }
     void draw(const FrameInfo& frame);
+    void encodeAndCommit(const FrameInfo& frame);  // draw's steps after the slot wait
     gpu::RenderPipelineDescription pipelineDescriptorWithVertex(const std::vector<std::uint32_t>& vertexFunction,
                                                                 const std::vector<std::uint32_t>& fragmentFunction) const;
     void ensureDepthTexture(std::uint64_t width, std::uint64_t height);
