@@ -151,13 +151,21 @@ X11Session::X11Session(bool withWindowManager) {
     ::setenv("DISPLAY", display_.c_str(), 1);
 
     if (withWindowManager) {
-        windowManager_ = spawn({"openbox"}, {}, "/dev/null", "/dev/null");
-        // Ready once it has claimed the root window's supporting-WM property.
-        for (int i = 0; i < 400; ++i) {
+        // Ready once it has claimed the root window's supporting-WM property. On a loaded machine
+        // it can take a while, and a window manager that lost a race with the new display exits:
+        // it is started again.
+        const std::filesystem::path wmLog = log.parent_path() / ("brisvale-openbox-" + std::to_string(::getpid()) + ".log");
+        const auto deadline = std::chrono::steady_clock::now() + 60s;
+        int starts = 0;
+        while (std::chrono::steady_clock::now() < deadline) {
+            if (!windowManager_.running() && starts < 3) {
+                windowManager_ = spawn({"openbox"}, {}, "/dev/null", wmLog);
+                ++starts;
+            }
             if (shell("xprop -root _NET_SUPPORTING_WM_CHECK 2>/dev/null").find("window id") != std::string::npos) return;
-            std::this_thread::sleep_for(10ms);
+            std::this_thread::sleep_for(20ms);
         }
-        throw std::runtime_error("openbox did not start");
+        throw std::runtime_error("openbox did not start: " + readFile(wmLog));
     }
 }
 
