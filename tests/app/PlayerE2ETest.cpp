@@ -160,9 +160,10 @@ TEST_F(PlayerE2E, AOneSecondShowGoesFullScreenRendersAndEndsByItself) {
     EXPECT_EQ(*status, 0) << run.stderrText();
     // 1 s of music and 3.75 s of tail on the show clock, which starts at the full-screen entry:
     // never before 0.25 s after the launch, and seen here a little after it happened.
+    // The margin covers the last frame (slow on a software GPU) and the teardown.
     EXPECT_GE(afterLaunch, 0.25 + 4.75);
     EXPECT_GE(afterFullScreen, 4.75 - 0.5);
-    EXPECT_LE(afterFullScreen, 4.75 + 2.0);
+    EXPECT_LE(afterFullScreen, 4.75 + 2.5) << "on a machine this loaded the margin may be too small";
     EXPECT_EQ(run.stderrText(), "");
 }
 
