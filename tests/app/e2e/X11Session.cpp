@@ -134,7 +134,10 @@ X11Session::X11Session(bool withWindowManager) {
     // Xvfb picks a free display itself and writes its number to the pipe.
     int fds[2];
     if (::pipe(fds) != 0) throw std::runtime_error("pipe failed");
-    const std::filesystem::path log = std::filesystem::temp_directory_path() / ("brisvale-xvfb-" + std::to_string(::getpid()) + ".log");
+    const std::string tag = std::to_string(::getpid()) + "-" + std::to_string(reinterpret_cast<std::uintptr_t>(this));
+    xvfbLog_ = std::filesystem::temp_directory_path() / ("brisvale-xvfb-" + tag + ".log");
+    windowManagerLog_ = std::filesystem::temp_directory_path() / ("brisvale-openbox-" + tag + ".log");
+    const std::filesystem::path& log = xvfbLog_;
     {
         // The write end must survive exec in the child only.
         ::fcntl(fds[0], F_SETFD, FD_CLOEXEC);
@@ -154,7 +157,7 @@ X11Session::X11Session(bool withWindowManager) {
         // Ready once it has claimed the root window's supporting-WM property. On a loaded machine
         // it can take a while, and a window manager that lost a race with the new display exits:
         // it is started again.
-        const std::filesystem::path wmLog = log.parent_path() / ("brisvale-openbox-" + std::to_string(::getpid()) + ".log");
+        const std::filesystem::path& wmLog = windowManagerLog_;
         const auto deadline = std::chrono::steady_clock::now() + 60s;
         int starts = 0;
         while (std::chrono::steady_clock::now() < deadline) {
@@ -172,6 +175,9 @@ X11Session::X11Session(bool withWindowManager) {
 X11Session::~X11Session() {
     windowManager_.kill();
     xvfb_.kill();
+    std::error_code ec;
+    std::filesystem::remove(xvfbLog_, ec);
+    std::filesystem::remove(windowManagerLog_, ec);
 }
 
 std::optional<WindowInfo> X11Session::window(const std::string& title) const {

@@ -81,6 +81,8 @@ public:
 
 private:
     std::string display_;
+    std::filesystem::path xvfbLog_;
+    std::filesystem::path windowManagerLog_;
     Child xvfb_;
     Child windowManager_;
 };
