@@ -42,6 +42,9 @@ Status queueStop(OutputQueue* queue, bool immediate) noexcept;
 Status queueReset(OutputQueue* queue) noexcept;
 // Frames played since the most recent start.
 Status queueGetCurrentTime(OutputQueue* queue, double* sampleTime) noexcept;
+// Whether output runs: false before a start, after an immediate stop, and once a
+// stop-after-play has played everything queued.
+bool queueIsRunning(OutputQueue* queue) noexcept;
 // Linear gain in [0, 1], applied as data leaves for the device.
 Status queueSetVolume(OutputQueue* queue, float volume) noexcept;
 

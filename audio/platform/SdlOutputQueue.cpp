@@ -107,6 +107,10 @@ struct OutputQueue {
     // Bumped by every reset and immediate stop: hand-backs from before it are dropped.
     uint64_t generation = 0;
 
+    // Serialises pausing and unpausing the device with the run flag: start, immediate stop and
+    // the queue's own stop after running dry. Taken before `callbackLock` and `lock`.
+    std::mutex controlLock;
+
     // Held by the queue's thread while the refill callback runs; reset, stop and dispose take it
     // to wait for a refill in progress. Never taken with `lock` held.
     std::mutex callbackLock;
@@ -187,12 +191,18 @@ void handBackLoop(OutputQueue* q) {
                 return;
             }
             if (q->played.count == 0) {
-                // Ran dry after a stop-after-play: the queue stops by itself.
-                q->drained = false;
-                q->stopWhenDrained = false;
-                q->running = false;
                 guard.unlock();
-                SDL_PauseAudioDevice(q->device, 1);
+                // Ran dry after a stop-after-play: the queue stops by itself, unless a reset or a
+                // start came first.
+                std::lock_guard<std::mutex> control(q->controlLock);
+                std::unique_lock<std::mutex> again(q->lock);
+                if (q->drained) {
+                    q->drained = false;
+                    q->stopWhenDrained = false;
+                    q->running = false;
+                    again.unlock();
+                    SDL_PauseAudioDevice(q->device, 1);
+                }
                 continue;
             }
             b = q->played.pop();
@@ -211,6 +221,7 @@ void handBackLoop(OutputQueue* q) {
 
 // Stops the device and forgets everything queued; waits for a refill in progress.
 void discardAll(OutputQueue* q, bool stop) {
+    std::lock_guard<std::mutex> control(q->controlLock);
     if (stop) {
         SDL_PauseAudioDevice(q->device, 1);
     }
@@ -367,6 +378,7 @@ Status queueStart(OutputQueue* q) noexcept {
     if (q == nullptr) {
         return kStatusParam;
     }
+    std::lock_guard<std::mutex> control(q->controlLock);
     {
         std::lock_guard<std::mutex> guard(q->lock);
         if (!q->running) {
@@ -374,6 +386,7 @@ Status queueStart(OutputQueue* q) noexcept {
         }
         q->running = true;
         q->timed = true;
+        q->drained = false;
     }
     SDL_PauseAudioDevice(q->device, 0);
     if (SDL_GetAudioDeviceStatus(q->device) != SDL_AUDIO_PLAYING) {
@@ -417,6 +430,14 @@ Status queueGetCurrentTime(OutputQueue* q, double* sampleTime) noexcept {
     }
     *sampleTime = static_cast<double>(q->framesPlayed);
     return 0;
+}
+
+bool queueIsRunning(OutputQueue* q) noexcept {
+    if (q == nullptr) {
+        return false;
+    }
+    std::lock_guard<std::mutex> guard(q->lock);
+    return q->running;
 }
 
 Status queueSetVolume(OutputQueue* q, float volume) noexcept {
