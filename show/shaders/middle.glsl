@@ -155,7 +155,7 @@ vec3 sceneColour(int index, vec2 q, float t) {
     float bar = barAt(t);
     if (index == 0) return sceneHarbour(q, t, pulse);
     if (index == 1) return sceneMarble(q, t, pulse, 0.0, 1.0);
-    if (index == 2) return sceneTunnel(q, t, pulse, 0.12, 1.0);
+    if (index == 2) return sceneTunnel(q, t, pulse, 0.12, 4.0) * 1.3;
     if (index == 3) return sceneMarble(q * rot2(t * 0.05), t, pulse, 5.0, 2.0);
     if (index == 4) return mix(sceneMarble(q, t, pulse, 6.0, 2.5), sceneTunnel(q, t, pulse, 0.2, 6.0), 0.45);
     if (index == 5) return sceneAurora(q, t, pulse);

@@ -68,7 +68,7 @@ protected:
 
 TEST_F(DefaultShowRender, IntroOutgrowsTheVertexPoolAtLeastTwice) {
     ::testing::internal::CaptureStderr();
-    for (float t = 0.0f; t < 9.25f; t += 1.0f / 8.0f) frameAt(t, 1.0f / 8.0f);
+    for (float t = 0.0f; t < 9.25f; t += 0.25f) frameAt(t, 0.25f);
     const std::string printed = ::testing::internal::GetCapturedStderr();
     std::size_t growths = 0;
     for (std::size_t at = printed.find("Grew GPU vertex pool to"); at != std::string::npos;
