@@ -8,6 +8,8 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <csignal>
@@ -261,6 +263,8 @@ int main(int argc, char** argv) {
     using Clock = std::chrono::steady_clock;
     bool playingOut = false;
     Clock::time_point playOutUntil{};
+    Clock::time_point ranDryAt{};
+    double ranDryShown = 0.0;
     for (;;) {
         const Key key = terminal.active() ? readKey(100) : Key::None;
         if (!terminal.active()) {
@@ -285,23 +289,29 @@ int main(int argc, char** argv) {
         if (core::audio_player_is_done(player) && !playingOut) {
             // The last buffers are still queued when the decoder runs dry.
             playingOut = true;
+            ranDryAt = Clock::now();
+            ranDryShown = shown;
             playOutUntil = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                               std::chrono::duration<double>(kBufferFrames / rate + 0.2));
         }
+        const bool finished = playingOut && Clock::now() >= playOutUntil;
         if (playingOut) {
-            shown = duration > 0 ? duration : shown;
+            // The player's clock stops when the decoder runs dry; the queue plays on in real time.
+            const double since = std::chrono::duration<double>(Clock::now() - ranDryAt).count();
+            const double end = duration > 0 ? duration : ranDryShown + kBufferFrames / rate;
+            shown = finished ? end : std::min(end, ranDryShown + since);
         }
         const std::string progress = clock(shown) + " / " + (duration > 0 ? clock(duration) : std::string("--:--.-")) +
                                      (paused ? "  (paused)" : "");
         if (tty) {
             std::printf("\r%s   ", progress.c_str());
             std::fflush(stdout);
-        } else if (shown - lastLine >= 1.0 || (playingOut && lastLine < shown)) {
+        } else if (shown - lastLine >= 1.0 || (finished && lastLine < shown)) {
             std::printf("%s\n", progress.c_str());
             std::fflush(stdout);
             lastLine = shown;
         }
-        if (playingOut && Clock::now() >= playOutUntil) {
+        if (finished) {
             break;
         }
     }

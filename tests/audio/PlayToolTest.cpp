@@ -1,0 +1,64 @@
+// brisvale-play run as a program: a real file played to its end on the disk driver, and a bad
+// file refused with one line.
+
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <string>
+
+#include "support/TestMedia.h"
+
+namespace {
+
+struct ToolRun {
+    int status = -1;
+    std::string output;
+};
+
+ToolRun run(const std::string& command) {
+    ToolRun r;
+    FILE* pipe = popen((command + " 2>&1 </dev/null").c_str(), "r");
+    if (pipe == nullptr) {
+        return r;
+    }
+    char buf[512];
+    while (std::fgets(buf, sizeof buf, pipe) != nullptr) {
+        r.output += buf;
+    }
+    const int status = pclose(pipe);
+    r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return r;
+}
+
+TEST(PlayTool, PlaysARealFileToItsEndWithTagsAndProgress) {
+    brisvale::test::TempDir dir;
+    const std::string path = dir.file("tune.flac");
+    brisvale::test::encodeFile(path, {"flac", "flac", 44100, 2, {{"title", "Small Tune"}, {"artist", "Test"}}, {}},
+                               brisvale::test::makeSignal(44100 * 3 / 2, 2, 44100));
+    const ToolRun r = run(std::string(BRISVALE_PLAY) + " --volume 0.5 --eq 2,0,-1 '" + path + "'");
+    EXPECT_EQ(r.status, 0) << r.output;
+    EXPECT_NE(r.output.find("Title    Small Tune\n"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("Duration 0:01.5\n"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("0:01.5 / 0:01.5\n"), std::string::npos) << "the progress line reaches the end\n" << r.output;
+}
+
+TEST(PlayTool, RefusesBadFilesAndArgumentsWithOneLine) {
+    brisvale::test::TempDir dir;
+    const std::string junk = dir.file("junk.mp3");
+    FILE* f = std::fopen(junk.c_str(), "wb");
+    ASSERT_NE(f, nullptr);
+    std::fputs("this is not audio at all, just text pretending to be a song", f);
+    std::fclose(f);
+    ToolRun r = run(std::string(BRISVALE_PLAY) + " '" + junk + "'");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.output, "brisvale-play: " + junk + ": not a playable audio file\n");
+
+    r = run(std::string(BRISVALE_PLAY) + " --volume 2 '" + junk + "'");
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(std::count(r.output.begin(), r.output.end(), '\n'), 1) << r.output;
+}
+
+} // namespace
