@@ -38,7 +38,8 @@ Status queueEnqueueBuffer(OutputQueue* queue, OutputBuffer* buffer) noexcept;
 Status queueStart(OutputQueue* queue) noexcept;
 // immediate: silence now and discard what is queued; else stop once the queued buffers have played.
 Status queueStop(OutputQueue* queue, bool immediate) noexcept;
-// Discards everything queued; played buffers not yet handed back are dropped too.
+// Discards everything queued; played buffers not yet handed back are dropped too. Output
+// pauses until the next start.
 Status queueReset(OutputQueue* queue) noexcept;
 // Frames played since the most recent start.
 Status queueGetCurrentTime(OutputQueue* queue, double* sampleTime) noexcept;

@@ -416,7 +416,9 @@ Status queueReset(OutputQueue* q) noexcept {
     if (q == nullptr) {
         return kStatusParam;
     }
-    discardAll(q, false);
+    // The device pauses too: a refill on the queue's thread must not run beside the priming
+    // that follows a reset on the caller's thread. The next start resumes it.
+    discardAll(q, true);
     return 0;
 }
 
