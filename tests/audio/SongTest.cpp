@@ -17,7 +17,7 @@
 namespace pelora::gamedev::core {
 namespace {
 
-using brisvale::test::EncodeSpec;
+using brisvale::test::EncodeRequest;
 using brisvale::test::TempDir;
 
 struct FormatCase {
@@ -108,12 +108,12 @@ protected:
         frames_ = static_cast<int64_t>(kSeconds * c.rate);
         signal_ = brisvale::test::makeSignal(frames_, c.channels, c.rate);
         path_ = dir_.file(std::string("song.") + c.extension);
-        EncodeSpec spec;
-        spec.muxer = c.muxer;
-        spec.encoder = c.encoder;
-        spec.sampleRate = c.rate;
-        spec.channels = c.channels;
-        brisvale::test::encodeFile(path_, spec, signal_);
+        EncodeRequest request;
+        request.muxer = c.muxer;
+        request.encoder = c.encoder;
+        request.sampleRate = c.rate;
+        request.channels = c.channels;
+        brisvale::test::encodeFile(path_, request, signal_);
     }
 
     TempDir dir_;
@@ -296,18 +296,18 @@ TEST_P(SongTagTest, TagsAndCoverComeFromTheContainer) {
     }
     TempDir dir;
     const std::string path = dir.file(std::string("tagged.") + c.extension);
-    EncodeSpec spec;
-    spec.muxer = c.muxer;
-    spec.encoder = c.encoder;
-    spec.tags = {{"title", "Glass Harbour"},
+    EncodeRequest request;
+    request.muxer = c.muxer;
+    request.encoder = c.encoder;
+    request.tags = {{"title", "Glass Harbour"},
                  {"artist", "Ina Vell"},
                  {"album", "Tidewater"},
                  {"date", "2021-04-01"},
                  {"genre", "Ambient"}};
     if (c.cover) {
-        spec.cover = brisvale::test::makePng(16, 16);
+        request.cover = brisvale::test::makePng(16, 16);
     }
-    brisvale::test::encodeFile(path, spec, brisvale::test::makeSignal(9600, 2, 48000));
+    brisvale::test::encodeFile(path, request, brisvale::test::makeSignal(9600, 2, 48000));
 
     audio_song probed{};
     ASSERT_EQ(audio_song_probe(&probed, path.c_str()), 0);
@@ -316,7 +316,7 @@ TEST_P(SongTagTest, TagsAndCoverComeFromTheContainer) {
     EXPECT_EQ(probed.album, "Tidewater");
     EXPECT_EQ(probed.year, "2021");
     EXPECT_EQ(probed.genre, "Ambient");
-    EXPECT_EQ(probed.artwork, spec.cover);
+    EXPECT_EQ(probed.artwork, request.cover);
     EXPECT_NEAR(probed.duration_seconds, 0.2, 0.03);
     // A probed song cannot be played.
     EXPECT_EQ(probed.extFile, nullptr);
@@ -328,7 +328,7 @@ TEST_P(SongTagTest, TagsAndCoverComeFromTheContainer) {
     ASSERT_EQ(audio_song_load_from_memory(&loaded, brisvale::test::mallocCopy(bytes), static_cast<int64_t>(bytes.size())), 0);
     EXPECT_EQ(loaded.title, probed.title);
     EXPECT_EQ(loaded.year, "2021");
-    EXPECT_EQ(loaded.artwork, spec.cover);
+    EXPECT_EQ(loaded.artwork, request.cover);
     audio_song_destroy(&loaded);
     EXPECT_TRUE(loaded.artwork.empty()) << "destroy empties the artwork";
     EXPECT_EQ(loaded.title, "Glass Harbour") << "the strings stay with the record";

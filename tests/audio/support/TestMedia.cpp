@@ -123,42 +123,42 @@ std::vector<uint8_t> makePng(int width, int height) {
     return std::vector<uint8_t>(packet->data, packet->data + packet->size);
 }
 
-void encodeFile(const std::string& path, const EncodeSpec& spec, const std::vector<int16_t>& samples) {
-    const AVCodec* encoder = avcodec_find_encoder_by_name(spec.encoder.c_str());
+void encodeFile(const std::string& path, const EncodeRequest& request, const std::vector<int16_t>& samples) {
+    const AVCodec* encoder = avcodec_find_encoder_by_name(request.encoder.c_str());
     if (encoder == nullptr) {
-        throw std::runtime_error("no encoder " + spec.encoder);
+        throw std::runtime_error("no encoder " + request.encoder);
     }
     AVFormatContext* raw = nullptr;
-    check(avformat_alloc_output_context2(&raw, nullptr, spec.muxer.c_str(), path.c_str()), "output context");
+    check(avformat_alloc_output_context2(&raw, nullptr, request.muxer.c_str(), path.c_str()), "output context");
     std::unique_ptr<AVFormatContext, OutputFree> out(raw);
-    for (const auto& [key, value] : spec.tags) {
+    for (const auto& [key, value] : request.tags) {
         av_dict_set(&out->metadata, key.c_str(), value.c_str(), 0);
     }
 
     AVStream* stream = avformat_new_stream(out.get(), nullptr);
     std::unique_ptr<AVCodecContext, CodecFree> codec(avcodec_alloc_context3(encoder));
-    av_channel_layout_default(&codec->ch_layout, spec.channels);
-    codec->sample_rate = spec.sampleRate;
+    av_channel_layout_default(&codec->ch_layout, request.channels);
+    codec->sample_rate = request.sampleRate;
     codec->sample_fmt = encoder->sample_fmts ? encoder->sample_fmts[0] : AV_SAMPLE_FMT_S16;
     for (const AVSampleFormat* f = encoder->sample_fmts; f && *f != AV_SAMPLE_FMT_NONE; ++f) {
         if (*f == AV_SAMPLE_FMT_S16) {
             codec->sample_fmt = AV_SAMPLE_FMT_S16;  // lossless encoders keep the exact samples
         }
     }
-    codec->bit_rate = 64000 * spec.channels;
-    codec->time_base = AVRational{1, spec.sampleRate};
+    codec->bit_rate = 64000 * request.channels;
+    codec->time_base = AVRational{1, request.sampleRate};
     if (out->oformat->flags & AVFMT_GLOBALHEADER) {
         codec->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
     }
     check(avcodec_open2(codec.get(), encoder, nullptr), "open encoder");
     check(avcodec_parameters_from_context(stream->codecpar, codec.get()), "stream parameters");
     stream->time_base = codec->time_base;
-    for (const auto& [key, value] : spec.tags) {
+    for (const auto& [key, value] : request.tags) {
         av_dict_set(&stream->metadata, key.c_str(), value.c_str(), 0);  // Ogg writes stream tags
     }
 
     AVStream* picture = nullptr;
-    if (!spec.cover.empty()) {
+    if (!request.cover.empty()) {
         picture = avformat_new_stream(out.get(), nullptr);
         picture->disposition = AV_DISPOSITION_ATTACHED_PIC;
         picture->codecpar->codec_type = AVMEDIA_TYPE_VIDEO;
@@ -175,21 +175,21 @@ void encodeFile(const std::string& path, const EncodeSpec& spec, const std::vect
     check(avformat_write_header(out.get(), nullptr), "write header");
     if (picture != nullptr) {
         std::unique_ptr<AVPacket, PacketFree> pic(av_packet_alloc());
-        check(av_new_packet(pic.get(), static_cast<int>(spec.cover.size())), "picture packet");
-        std::memcpy(pic->data, spec.cover.data(), spec.cover.size());
+        check(av_new_packet(pic.get(), static_cast<int>(request.cover.size())), "picture packet");
+        std::memcpy(pic->data, request.cover.data(), request.cover.size());
         pic->stream_index = picture->index;
         pic->flags |= AV_PKT_FLAG_KEY;
         check(av_interleaved_write_frame(out.get(), pic.get()), "write picture");
     }
 
     SwrContext* swrRaw = nullptr;
-    check(swr_alloc_set_opts2(&swrRaw, &codec->ch_layout, codec->sample_fmt, spec.sampleRate, &codec->ch_layout,
-                              AV_SAMPLE_FMT_S16, spec.sampleRate, 0, nullptr),
+    check(swr_alloc_set_opts2(&swrRaw, &codec->ch_layout, codec->sample_fmt, request.sampleRate, &codec->ch_layout,
+                              AV_SAMPLE_FMT_S16, request.sampleRate, 0, nullptr),
           "converter");
     std::unique_ptr<SwrContext, SwrFree> swr(swrRaw);
     check(swr_init(swr.get()), "converter init");
 
-    const int64_t frames = static_cast<int64_t>(samples.size()) / spec.channels;
+    const int64_t frames = static_cast<int64_t>(samples.size()) / request.channels;
     const bool variable = (encoder->capabilities & AV_CODEC_CAP_VARIABLE_FRAME_SIZE) != 0;
     const int chunk = codec->frame_size > 0 ? codec->frame_size : 1024;
     std::unique_ptr<AVFrame, FrameFree> frame(av_frame_alloc());
@@ -201,11 +201,11 @@ void encodeFile(const std::string& path, const EncodeSpec& spec, const std::vect
         av_frame_unref(frame.get());
         frame->nb_samples = size;
         frame->format = codec->sample_fmt;
-        frame->sample_rate = spec.sampleRate;
+        frame->sample_rate = request.sampleRate;
         check(av_channel_layout_copy(&frame->ch_layout, &codec->ch_layout), "frame layout");
         check(av_frame_get_buffer(frame.get(), 0), "frame buffer");
-        std::vector<int16_t> block(static_cast<size_t>(size) * spec.channels, 0);
-        std::memcpy(block.data(), samples.data() + at * spec.channels, static_cast<size_t>(n) * spec.channels * 2);
+        std::vector<int16_t> block(static_cast<size_t>(size) * request.channels, 0);
+        std::memcpy(block.data(), samples.data() + at * request.channels, static_cast<size_t>(n) * request.channels * 2);
         const uint8_t* in = reinterpret_cast<const uint8_t*>(block.data());
         check(swr_convert(swr.get(), frame->data, size, &in, size), "convert");
         frame->pts = at;

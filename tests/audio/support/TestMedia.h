@@ -24,7 +24,7 @@ private:
     std::filesystem::path path_;
 };
 
-struct EncodeSpec {
+struct EncodeRequest {
     std::string muxer;  // FFmpeg muxer name: "wav", "flac", "ogg", "ipod", "mp3", "adts", "aiff"
     std::string encoder;  // "pcm_s16le", "flac", "libvorbis", "libopus", "aac", "libmp3lame", ...
     int sampleRate = 48000;
@@ -38,7 +38,7 @@ struct EncodeSpec {
 std::vector<int16_t> makeSignal(int64_t frames, int channels, int sampleRate, float amplitude = 0.5f);
 
 // Encodes interleaved s16 samples into a file; throws std::runtime_error on failure.
-void encodeFile(const std::string& path, const EncodeSpec& spec, const std::vector<int16_t>& samples);
+void encodeFile(const std::string& path, const EncodeRequest& request, const std::vector<int16_t>& samples);
 
 // A small PNG picture made with FFmpeg's PNG encoder.
 std::vector<uint8_t> makePng(int width, int height);
