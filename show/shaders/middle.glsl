@@ -20,10 +20,12 @@ vec3 lanternField(vec2 q, float t, float density, float seed) {
         vec2 local = fract(p) - 0.5;
         vec2 h = hash22(cell + float(layer) * 31.0);
         if (h.x > density) continue;
-        vec2 centre = (h - 0.5) * 0.6 + 0.12 * vec2(sin(t * 0.7 + h.y * 6.0), 0.0);
+        // Each lantern lights only its own cell, so it stays at least 0.3 from the cell's
+        // border and its halo reaches zero by then: no glow is cut off at a cell edge.
+        vec2 centre = (h - 0.5) * 0.3 + 0.05 * vec2(sin(t * 0.7 + h.y * 6.0), 0.0);
         float d = length(local - centre);
         float size = 0.06 + 0.05 * h.y;
-        float glow = exp(-d * d / (size * size)) + 0.25 * exp(-d * 6.0);
+        float glow = exp(-d * d / (size * size)) + 0.25 * exp(-d * 6.0) * smoothstep(0.3, 0.1, d);
         float flicker = 0.8 + 0.2 * sin(t * 3.0 + h.x * 40.0);
         light += lanternColor(h.y * 0.6 + float(layer) * 0.1) * glow * flicker / (1.0 + float(layer) * 0.6);
     }
