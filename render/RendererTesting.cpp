@@ -1,5 +1,7 @@
 #include "render/RendererTesting.h"
 
+#include "render/gpu/Sync.h"
+
 #include <cstring>
 #include <stdexcept>
 
@@ -32,17 +34,8 @@ std::vector<std::uint8_t> RendererTesting::readImageLayer(Renderer& renderer, st
         back.oldLayout = VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL;
         back.newLayout = VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL;
         gpu::transitionImage(commands, array.image(), VK_IMAGE_ASPECT_COLOR_BIT, back, layer, 1);
-        VkMemoryBarrier2 host{};
-        host.sType = VK_STRUCTURE_TYPE_MEMORY_BARRIER_2;
-        host.srcStageMask = VK_PIPELINE_STAGE_2_COPY_BIT;
-        host.srcAccessMask = VK_ACCESS_2_TRANSFER_WRITE_BIT;
-        host.dstStageMask = VK_PIPELINE_STAGE_2_HOST_BIT;
-        host.dstAccessMask = VK_ACCESS_2_HOST_READ_BIT;
-        VkDependencyInfo dependency{};
-        dependency.sType = VK_STRUCTURE_TYPE_DEPENDENCY_INFO;
-        dependency.memoryBarrierCount = 1;
-        dependency.pMemoryBarriers = &host;
-        vkCmdPipelineBarrier2(commands, &dependency);
+        gpu::memoryBarrier(commands, VK_PIPELINE_STAGE_2_COPY_BIT, VK_ACCESS_2_TRANSFER_WRITE_BIT,
+                           VK_PIPELINE_STAGE_2_HOST_BIT, VK_ACCESS_2_HOST_READ_BIT);
     });
     readback->invalidate();
     std::vector<std::uint8_t> pixels(bytes);

@@ -3,6 +3,7 @@
 #include "render/gpu/Buffer.h"
 #include "render/gpu/Device.h"
 #include "render/gpu/Pipeline.h"
+#include "render/gpu/Sync.h"
 #include "render/gpu/Texture.h"
 
 namespace brisvale::gpu {
@@ -148,17 +149,7 @@ void CommandBuffer::drawIndirect(const Buffer& arguments) {
 
 void CommandBuffer::memoryBarrier(VkPipelineStageFlags2 srcStage, VkAccessFlags2 srcAccess,
                                   VkPipelineStageFlags2 dstStage, VkAccessFlags2 dstAccess) {
-    VkMemoryBarrier2 barrier{};
-    barrier.sType = VK_STRUCTURE_TYPE_MEMORY_BARRIER_2;
-    barrier.srcStageMask = srcStage;
-    barrier.srcAccessMask = srcAccess;
-    barrier.dstStageMask = dstStage;
-    barrier.dstAccessMask = dstAccess;
-    VkDependencyInfo dependency{};
-    dependency.sType = VK_STRUCTURE_TYPE_DEPENDENCY_INFO;
-    dependency.memoryBarrierCount = 1;
-    dependency.pMemoryBarriers = &barrier;
-    vkCmdPipelineBarrier2(commands_, &dependency);
+    gpu::memoryBarrier(commands_, srcStage, srcAccess, dstStage, dstAccess);
 }
 
 std::unique_ptr<CommandQueue> CommandQueue::create(Device& device, std::uint32_t slots) {

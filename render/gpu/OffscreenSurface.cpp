@@ -3,6 +3,7 @@
 #include "render/gpu/Buffer.h"
 #include "render/gpu/CommandBuffer.h"
 #include "render/gpu/Device.h"
+#include "render/gpu/Sync.h"
 #include "render/gpu/Texture.h"
 
 #include <cstring>
@@ -75,30 +76,15 @@ std::vector<std::uint8_t> OffscreenSurface::readbackRGBA() {
     if (!readback) throw std::runtime_error("Failed to create readback buffer");
     device_.runNow([&](VkCommandBuffer commands) {
         // The presenting frame left the image in TRANSFER_SRC_OPTIMAL; wait for all of its work.
-        VkMemoryBarrier2 before{};
-        before.sType = VK_STRUCTURE_TYPE_MEMORY_BARRIER_2;
-        before.srcStageMask = VK_PIPELINE_STAGE_2_ALL_COMMANDS_BIT;
-        before.srcAccessMask = VK_ACCESS_2_MEMORY_WRITE_BIT;
-        before.dstStageMask = VK_PIPELINE_STAGE_2_COPY_BIT;
-        before.dstAccessMask = VK_ACCESS_2_TRANSFER_READ_BIT;
-        VkDependencyInfo dependency{};
-        dependency.sType = VK_STRUCTURE_TYPE_DEPENDENCY_INFO;
-        dependency.memoryBarrierCount = 1;
-        dependency.pMemoryBarriers = &before;
-        vkCmdPipelineBarrier2(commands, &dependency);
+        memoryBarrier(commands, VK_PIPELINE_STAGE_2_ALL_COMMANDS_BIT, VK_ACCESS_2_MEMORY_WRITE_BIT,
+                      VK_PIPELINE_STAGE_2_COPY_BIT, VK_ACCESS_2_TRANSFER_READ_BIT);
         VkBufferImageCopy region{};
         region.imageSubresource = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 0, 1};
         region.imageExtent = {image.width(), image.height(), 1};
         vkCmdCopyImageToBuffer(commands, image.image(), VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL, readback->handle(), 1,
                                &region);
-        VkMemoryBarrier2 after{};
-        after.sType = VK_STRUCTURE_TYPE_MEMORY_BARRIER_2;
-        after.srcStageMask = VK_PIPELINE_STAGE_2_COPY_BIT;
-        after.srcAccessMask = VK_ACCESS_2_TRANSFER_WRITE_BIT;
-        after.dstStageMask = VK_PIPELINE_STAGE_2_HOST_BIT;
-        after.dstAccessMask = VK_ACCESS_2_HOST_READ_BIT;
-        dependency.pMemoryBarriers = &after;
-        vkCmdPipelineBarrier2(commands, &dependency);
+        memoryBarrier(commands, VK_PIPELINE_STAGE_2_COPY_BIT, VK_ACCESS_2_TRANSFER_WRITE_BIT,
+                      VK_PIPELINE_STAGE_2_HOST_BIT, VK_ACCESS_2_HOST_READ_BIT);
     });
     readback->invalidate();
     std::vector<std::uint8_t> rgba(bytes);

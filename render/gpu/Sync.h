@@ -37,4 +37,9 @@ private:
     VkFence fence_ = VK_NULL_HANDLE;
 };
 
+// Records one global memory barrier: work in `srcStage` writing through `srcAccess` is made
+// visible to `dstStage` reading or writing through `dstAccess`.
+void memoryBarrier(VkCommandBuffer commands, VkPipelineStageFlags2 srcStage, VkAccessFlags2 srcAccess,
+                   VkPipelineStageFlags2 dstStage, VkAccessFlags2 dstAccess);
+
 } // namespace brisvale::gpu

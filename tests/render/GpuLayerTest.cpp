@@ -6,6 +6,7 @@
 #include "render/gpu/Buffer.h"
 #include "render/gpu/CommandBuffer.h"
 #include "render/gpu/CompletionThread.h"
+#include "render/gpu/Sync.h"
 #include "render/gpu/Texture.h"
 
 #include <atomic>
@@ -72,17 +73,8 @@ TEST_F(GpuLayer, PrivateBuffersAreFilledThroughStagingAndReadBack) {
     device_->runNow([&](VkCommandBuffer commands) {
         VkBufferCopy region{0, 0, bytes};
         vkCmdCopyBuffer(commands, gpuPrivate->handle(), readback->handle(), 1, &region);
-        VkMemoryBarrier2 host{};
-        host.sType = VK_STRUCTURE_TYPE_MEMORY_BARRIER_2;
-        host.srcStageMask = VK_PIPELINE_STAGE_2_COPY_BIT;
-        host.srcAccessMask = VK_ACCESS_2_TRANSFER_WRITE_BIT;
-        host.dstStageMask = VK_PIPELINE_STAGE_2_HOST_BIT;
-        host.dstAccessMask = VK_ACCESS_2_HOST_READ_BIT;
-        VkDependencyInfo dependency{};
-        dependency.sType = VK_STRUCTURE_TYPE_DEPENDENCY_INFO;
-        dependency.memoryBarrierCount = 1;
-        dependency.pMemoryBarriers = &host;
-        vkCmdPipelineBarrier2(commands, &dependency);
+        gpu::memoryBarrier(commands, VK_PIPELINE_STAGE_2_COPY_BIT, VK_ACCESS_2_TRANSFER_WRITE_BIT,
+                           VK_PIPELINE_STAGE_2_HOST_BIT, VK_ACCESS_2_HOST_READ_BIT);
     });
     readback->invalidate();
     EXPECT_EQ(std::memcmp(readback->data(), words.data(), bytes), 0);
