@@ -21,6 +21,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <stdexcept>
+#include <string>
 #include <vector>
 
 namespace brisvale::gpu {
@@ -319,13 +321,11 @@ void WindowSurface::queuePresent(const Drawable& drawable) {
 std::unique_ptr<Surface> createWindowSurface(Device& device, SDL_Window* window) {
     if (window == nullptr) return nullptr;
     if (!device.supportsSwapchain()) {
-        std::fprintf(stderr, "Vulkan device was created without window support\n");
-        return nullptr;
+        throw std::runtime_error("Vulkan device was created without window support");
     }
     VkSurfaceKHR surface = VK_NULL_HANDLE;
     if (SDL_Vulkan_CreateSurface(window, device.instance(), &surface) != SDL_TRUE) {
-        std::fprintf(stderr, "SDL_Vulkan_CreateSurface failed: %s\n", SDL_GetError());
-        return nullptr;
+        throw std::runtime_error(std::string("SDL_Vulkan_CreateSurface: ") + SDL_GetError());
     }
     VkBool32 supported = VK_FALSE;
     vkGetPhysicalDeviceSurfaceSupportKHR(device.physicalDevice(), device.queueFamily(), surface, &supported);
@@ -334,9 +334,8 @@ std::unique_ptr<Surface> createWindowSurface(Device& device, SDL_Window* window)
     std::vector<VkSurfaceFormatKHR> formats(count);
     vkGetPhysicalDeviceSurfaceFormatsKHR(device.physicalDevice(), surface, &count, formats.data());
     if (!supported || formats.empty()) {
-        std::fprintf(stderr, "The window's Vulkan surface cannot be presented to\n");
         vkDestroySurfaceKHR(device.instance(), surface, nullptr);
-        return nullptr;
+        throw std::runtime_error("The window's Vulkan surface cannot be presented to");
     }
     VkSurfaceFormatKHR chosen = formats.front();
     bool found = false;

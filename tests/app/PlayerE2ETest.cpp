@@ -214,6 +214,19 @@ TEST_F(PlayerE2E, WithoutAVulkanDeviceTheRendererRefusesTheLaunch) {
     EXPECT_EQ(run.stderrText(), "Launch failed: Metal device is not available\n");
 }
 
+// SDL cannot load Vulkan, so the window is made without it, yet the renderer would find a device:
+// the window's surface fails, in the launch's one line and nowhere else.
+TEST_F(PlayerE2E, AWindowWithoutVulkanFailsTheLaunchWithOneLine) {
+    X11Session x(/*withWindowManager=*/false);
+    Bundle bundle;
+    bundle.pack(Bundle::testShow());
+    PlayerRun run = start(bundle, {{"SDL_VULKAN_LIBRARY", (bundle.dir() / "no-such-libvulkan.so").string()}});
+    const auto status = run.process.waitFor(20s);
+    ASSERT_TRUE(status);
+    EXPECT_EQ(*status, 1);
+    EXPECT_EQ(run.stderrText(), "Launch failed: Vulkan device was created without window support\n");
+}
+
 // Each way of quitting while the show runs: the view's Escape (with and without a modifier),
 // the menu's Ctrl+Q, and closing the window through the window manager (openbox: Alt+F4).
 class PlayerQuits : public PlayerE2E, public ::testing::WithParamInterface<const char*> {};
