@@ -284,9 +284,10 @@ void WindowSurface::giveBack(const Drawable& drawable) {
     // its own does both: it waits on the acquisition, shows the last picture again (so a failed
     // frame looks like a dropped one) and signals presentation.
     CommandBuffer* commands = giveBack_[drawable.index].get();
-    VkFence previous = commands != nullptr ? commands->fence() : VK_NULL_HANDLE;
+    VkFence previous = commands != nullptr ? commands->fence() : VK_NULL_HANDLE;  // this image's last give-back
     bool submitted = false;
-    if (commands != nullptr && vkWaitForFences(device_.handle(), 1, &previous, VK_TRUE, kAcquireTimeoutNs) == VK_SUCCESS) {
+    if (commands != nullptr &&
+        vkWaitForFences(device_.handle(), 1, &previous, VK_TRUE, kAcquireTimeoutNs) == VK_SUCCESS) {
         try {
             commands->begin();
             blitOntoImage(commands->handle(), lastPicture_.get(), images_[drawable.index]);
