@@ -10,7 +10,31 @@ struct WindowManagerState::X11 {
     Window window = 0;
     Atom state = None;
     Atom fullScreen = None;
+    Atom supportingWindowManager = None;
 };
+
+namespace {
+
+// The one window a property of type WINDOW names, or None.
+Window windowProperty(Display* display, Window window, Atom property) {
+    Atom type = None;
+    int format = 0;
+    unsigned long count = 0;
+    unsigned long remaining = 0;
+    unsigned char* data = nullptr;
+    Window named = None;
+    if (XGetWindowProperty(display, window, property, 0, 1, False, XA_WINDOW, &type, &format, &count, &remaining,
+                           &data) == Success &&
+        data != nullptr && type == XA_WINDOW && format == 32 && count == 1) {
+        named = *reinterpret_cast<const Window*>(data);
+    }
+    if (data != nullptr) {
+        XFree(data);
+    }
+    return named;
+}
+
+} // namespace
 
 WindowManagerState::WindowManagerState(SDL_Window* window) : window_(window) {
     SDL_SysWMinfo info;
@@ -23,14 +47,25 @@ WindowManagerState::WindowManagerState(SDL_Window* window) : window_(window) {
     x11_->window = info.info.x11.window;
     x11_->state = XInternAtom(x11_->display, "_NET_WM_STATE", False);
     x11_->fullScreen = XInternAtom(x11_->display, "_NET_WM_STATE_FULLSCREEN", False);
+    x11_->supportingWindowManager = XInternAtom(x11_->display, "_NET_SUPPORTING_WM_CHECK", False);
     // The window manager changes the state through a property of the window (PropertyNotify).
     SDL_EventState(SDL_SYSWMEVENT, SDL_ENABLE);
 }
 
 WindowManagerState::~WindowManagerState() = default;
 
+bool WindowManagerState::windowManagerRuns() const {
+    // A window manager that speaks the window-state protocol names a child window of its own on
+    // the root window, and that child names itself.
+    const Window root = DefaultRootWindow(x11_->display);
+    const Window check = windowProperty(x11_->display, root, x11_->supportingWindowManager);
+    return check != None && windowProperty(x11_->display, check, x11_->supportingWindowManager) == check;
+}
+
 bool WindowManagerState::fullScreen() const {
-    if (!x11_) {
+    // Without a window manager (a bare X server, as under xvfb-run) nobody sets the state: SDL
+    // sizes the window over the display itself, and its flag is the whole answer.
+    if (!x11_ || !windowManagerRuns()) {
         return (SDL_GetWindowFlags(window_) & SDL_WINDOW_FULLSCREEN) != 0;
     }
     Atom type = None;

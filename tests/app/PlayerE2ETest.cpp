@@ -196,6 +196,21 @@ TEST_F(PlayerE2E, FullScreenGrantedLateAtAnotherSizeStartsTheShow) {
 
 // A window manager that leaves the request unanswered: SDL believes the window is full screen,
 // but it never is, so the show must not start.
+// A bare X server, as `make run` starts under xvfb-run: no window manager sets any state, SDL
+// covers the display itself, and the show must still start and end.
+TEST_F(PlayerE2E, WithoutAWindowManagerTheShowStillPlaysToItsEnd) {
+    X11Session x(/*withWindowManager=*/false);
+    Bundle bundle;
+    bundle.pack(Bundle::testShow());
+    PlayerRun run = start(bundle);
+
+    const auto status = run.process.waitFor(20s);
+    ASSERT_TRUE(status) << "the show did not end by itself";
+    EXPECT_EQ(*status, 0) << run.stderrText();
+    EXPECT_GE(std::chrono::duration<double>(Clock::now() - run.started).count(), 0.25 + 4.75);
+    EXPECT_EQ(run.stderrText(), "");
+}
+
 TEST_F(PlayerE2E, FullScreenNeverGrantedNeverStartsTheShow) {
     X11Session x(FullScreenGrant{});
     Bundle bundle;
