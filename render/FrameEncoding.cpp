@@ -14,6 +14,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <stdexcept>
 
 namespace brisvale {
 namespace {
@@ -46,35 +47,58 @@ FramePhase phaseForTime(float t) {
 // ---------------------------------------------------------------------------------------------
 
 void Renderer::Impl::draw(const FrameInfo& frame) {
-    using namespace shader_interface;
-
     // The drawable first: a frame without one leaves every slot and index as it was.
     if (!layer->nextDrawable(drawable)) return;
     inFlightSemaphore.acquire();
     const std::uint32_t inFlight = framesInFlight.fetch_add(1) + 1;
     if (inFlight > mostFramesInFlight.load()) mostFramesInFlight.store(inFlight);
+    const std::uint32_t slotIndex = requestBufferIndex;
+    gpu::CommandBuffer& commands = commandQueue->buffer(slotIndex);
+    VkResult result = VK_SUCCESS;
     try {
-        encodeAndCommit(frame);
+        encode(frame, slotIndex, commands);
+        result = submit(commands);
     } catch (...) {
-        // Nothing was submitted: the slot goes back so that the caller may go on drawing.
-        framesInFlight.fetch_sub(1);
-        inFlightSemaphore.release();
+        abandonFrame();
         throw;
     }
+    if (result != VK_SUCCESS) {
+        // A GPU error the show survives: one line, and the next frame is drawn as usual.
+        std::fprintf(stderr, kCommandBufferFailed, gpu::resultName(result));
+        abandonFrame();
+        return;
+    }
+    // Only a submitted frame moves the rotation on, so a failed one leaves it (and the slots) in step.
+    requestBufferIndex = (slotIndex + 1) % renderer_limits::kFramesInFlight;
+    device->completions().watch(commands.fence(), &slots[slotIndex]);
+    layer->present(drawable);
 }
 
-void Renderer::Impl::encodeAndCommit(const FrameInfo& frame) {
+VkResult Renderer::Impl::submit(gpu::CommandBuffer& commands) {
+    if (injectedFailures.frames > 0) {
+        --injectedFailures.frames;
+        if (injectedFailures.raises) throw std::runtime_error("Injected frame failure");
+        return injectedFailures.result;
+    }
+    return commands.submit(gpu::SubmitSync{drawable.wait, drawable.waitStage, drawable.signal});
+}
+
+void Renderer::Impl::abandonFrame() {
+    // Nothing was submitted. The drawable goes back to the surface (a swapchain image that is
+    // never presented is lost to every later frame), and the slot to the next frame.
+    layer->giveBack(drawable);
+    framesInFlight.fetch_sub(1);
+    inFlightSemaphore.release();
+}
+
+void Renderer::Impl::encode(const FrameInfo& frame, std::uint32_t slotIndex, gpu::CommandBuffer& commands) {
     using namespace shader_interface;
     ensureDepthTexture(drawable.texture->width(), drawable.texture->height());
 
     // The slot three frames back has completed (the semaphore, and handlers run in order), so
     // its command buffer, descriptor sets and keep-alives are free again.
-    const std::uint32_t slotIndex = requestBufferIndex;
     FrameSlot& slot = slots[slotIndex];
-    gpu::CommandBuffer& commands = commandQueue->buffer(slotIndex);
-    // This frame's request record; requestBufferIndex moves on once the frame is submitted, so
-    // a frame that fails before then leaves the rotation (and the slots) in step.
-    slot.request = geometryRequestBuffers[slotIndex];
+    slot.request = geometryRequestBuffers[slotIndex];  // this frame's request record
 
     const FramePhase phase = phaseForTime(frame.timeSeconds);
     const bool runsCompute = phase != FramePhase::Middle;
@@ -208,17 +232,6 @@ void Renderer::Impl::encodeAndCommit(const FrameInfo& frame) {
     slot.depth = depthTexture;
     slot.drawable = drawable.keepAlive;
     slot.feedback = runsCompute && capacity < renderer_limits::kMaxVertexCapacity;
-
-    const VkResult result = commands.submit(gpu::SubmitSync{drawable.wait, drawable.waitStage, drawable.signal});
-    if (result != VK_SUCCESS) {
-        std::fprintf(stderr, kCommandBufferFailed, gpu::resultName(result));
-        framesInFlight.fetch_sub(1);
-        inFlightSemaphore.release();
-        return;
-    }
-    requestBufferIndex = (slotIndex + 1) % renderer_limits::kFramesInFlight;
-    device->completions().watch(commands.fence(), &slot);
-    layer->present(drawable);
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -58,7 +58,11 @@ struct Renderer::Impl {
 
     void resize(SurfaceSize size) { surfaceSize = size; }
     void draw(const FrameInfo& frame);
-    void encodeAndCommit(const FrameInfo& frame);  // draw's steps after the slot wait
+    // draw's steps: record the frame into its slot's command buffer, submit it, or hand the
+    // drawable and the slot back when either fails.
+    void encode(const FrameInfo& frame, std::uint32_t slotIndex, gpu::CommandBuffer& commands);
+    VkResult submit(gpu::CommandBuffer& commands);
+    void abandonFrame();
     gpu::RenderPipelineDescription pipelineDescriptorWithVertex(const std::vector<std::uint32_t>& vertexFunction,
                                                                 const std::vector<std::uint32_t>& fragmentFunction) const;
     void ensureDepthTexture(std::uint64_t width, std::uint64_t height);
@@ -126,6 +130,14 @@ struct Renderer::Impl {
     std::atomic<std::uint32_t> framesInFlight{0};
     std::atomic<std::uint32_t> mostFramesInFlight{0};
     std::uint32_t depthTexturesCreated = 0;
+    // Test seam, set through RendererTesting and never by the show: the next `frames` frames fail
+    // where they would be submitted, returning `result` as a failed vkQueueSubmit does or, with
+    // `raises`, throwing as encoding can. Main thread only.
+    struct InjectedFailures {
+        std::uint32_t frames = 0;
+        VkResult result = VK_ERROR_DEVICE_LOST;
+        bool raises = false;
+    } injectedFailures;
 };
 
 template <typename T> void require(const T& object, const char* message) {

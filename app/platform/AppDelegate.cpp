@@ -1,5 +1,6 @@
 #include "app/platform/AppDelegate.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <exception>
@@ -43,8 +44,8 @@ void Window::setContentView(std::unique_ptr<MetalView> view) {
     }
 }
 
-AppDelegate::AppDelegate(Application& application, MainThreadQueue& mainQueue)
-    : application_(application), mainQueue_(mainQueue) {}
+AppDelegate::AppDelegate(Application& application, MainThreadQueue& mainQueue, ShowStart showStart)
+    : application_(application), mainQueue_(mainQueue), showStart_(showStart) {}
 
 AppDelegate::~AppDelegate() = default;
 
@@ -67,6 +68,7 @@ void AppDelegate::applicationDidFinishLaunching() {
             throw std::runtime_error(std::string("Failed to create window: ") + SDL_GetError());
         }
         _window = std::make_unique<Window>(handle);
+        windowManagerState_ = std::make_unique<WindowManagerState>(handle);
 
         // Stage A of the launch; may raise.
         auto view = std::make_unique<MetalView>(ViewFrame{0, 0, kWindowWidth, kWindowHeight}, handle, mainQueue_,
@@ -76,7 +78,11 @@ void AppDelegate::applicationDidFinishLaunching() {
         SDL_SetWindowPosition(handle, SDL_WINDOWPOS_CENTERED, SDL_WINDOWPOS_CENTERED);
         SDL_ShowWindow(handle);
         SDL_RaiseWindow(handle);
-        mainQueue_.postAfter(kInitialFullscreenDelay, [this] { enterInitialFullscreen(); });
+        if (showStart_ == ShowStart::OnWindowShown) {
+            _window->contentView()->startRendering();
+        } else {
+            mainQueue_.postAfter(kInitialFullscreenDelay, [this] { enterInitialFullscreen(); });
+        }
     } catch (const std::exception& e) {
         std::fprintf(stderr, "Launch failed: %s\n", e.what());
         std::fflush(stderr);
@@ -97,7 +103,8 @@ void AppDelegate::enterInitialFullscreen() {
 }
 
 void AppDelegate::windowDidEnterFullScreen() {
-    if (MetalView* view = _window ? _window->contentView() : nullptr) {
+    MetalView* view = _window ? _window->contentView() : nullptr;
+    if (view != nullptr && showStart_ == ShowStart::OnFullScreenEntry) {
         view->startRendering();
     }
 }
@@ -139,6 +146,7 @@ void AppDelegate::handleWindowEvent(const SDL_WindowEvent& event) {
     if (!_window || event.windowID != SDL_GetWindowID(_window->handle())) {
         return;
     }
+    bool resized = false;
     switch (event.event) {
     case SDL_WINDOWEVENT_CLOSE:
         // The one window closed is the last one.
@@ -147,6 +155,7 @@ void AppDelegate::handleWindowEvent(const SDL_WindowEvent& event) {
         }
         return;
     case SDL_WINDOWEVENT_SIZE_CHANGED:
+        resized = true;
         if (MetalView* view = _window->contentView()) {
             view->setFrameSize(event.data1, event.data2);
         }
@@ -160,7 +169,7 @@ void AppDelegate::handleWindowEvent(const SDL_WindowEvent& event) {
     default:
         break;
     }
-    noteFullScreenState();
+    noteFullScreenState(resized);
 }
 
 void AppDelegate::handleKeyDown(const SDL_KeyboardEvent& event) {
@@ -183,6 +192,12 @@ void AppDelegate::handleKeyDown(const SDL_KeyboardEvent& event) {
     view->keyDown(key);
 }
 
+void AppDelegate::handleSystemEvent(const SDL_SysWMmsg& message) {
+    if (windowManagerState_ && windowManagerState_->mayHaveChanged(message)) {
+        noteFullScreenState();
+    }
+}
+
 void AppDelegate::toggleFullScreen() {
     SDL_Window* window = _window->handle();
     const bool fullScreen = (SDL_GetWindowFlags(window) & SDL_WINDOW_FULLSCREEN) != 0;
@@ -192,24 +207,24 @@ void AppDelegate::toggleFullScreen() {
     noteFullScreenState();
 }
 
-// The window has entered full screen when it is in full-screen mode and covers its display: the
-// request alone is not enough, a window manager may still be animating or may refuse it.
-void AppDelegate::noteFullScreenState() {
+// SDL reports full screen, and the display's size, the moment it is asked for; whether and at
+// what size the window manager grants it shows later, in its state and a resize (FullScreenEntry).
+void AppDelegate::noteFullScreenState(bool resized) {
     SDL_Window* window = _window->handle();
-    bool covers = false;
-    if ((SDL_GetWindowFlags(window) & SDL_WINDOW_FULLSCREEN) != 0) {
-        SDL_Rect display{};
-        int width = 0;
-        int height = 0;
-        const int index = SDL_GetWindowDisplayIndex(window);
-        SDL_GetWindowSize(window, &width, &height);
-        covers = index >= 0 && SDL_GetDisplayBounds(index, &display) == 0 && width == display.w &&
-                 height == display.h;
-    }
-    const bool entered = covers && !inFullScreen_;
-    inFullScreen_ = covers;
-    if (entered) {
+    const bool requested = (SDL_GetWindowFlags(window) & SDL_WINDOW_FULLSCREEN) != 0;
+    if (fullScreenEntry_.update(requested, resized, windowManagerState_->fullScreen(), FullScreenEntry::Clock::now())) {
         windowDidEnterFullScreen();
+        return;
+    }
+    // A state that holds without a resize counts after the settle time: look again then.
+    const auto settlesAt = fullScreenEntry_.settlesAt();
+    if (settlesAt && !settleCheckPending_) {
+        settleCheckPending_ = true;
+        const auto wait = std::chrono::ceil<std::chrono::milliseconds>(*settlesAt - FullScreenEntry::Clock::now());
+        mainQueue_.postAfter(std::max(wait, std::chrono::milliseconds{0}), [this] {
+            settleCheckPending_ = false;
+            noteFullScreenState();
+        });
     }
 }
 

@@ -10,8 +10,10 @@
 #include <functional>
 #include <memory>
 
+#include "app/FullScreenEntry.h"
 #include "app/MainThreadQueue.h"
 #include "app/platform/MetalView.h"
+#include "app/platform/WindowManagerState.h"
 
 namespace brisvale {
 
@@ -41,9 +43,15 @@ private:
     std::unique_ptr<MetalView> contentView_;
 };
 
+// When the show starts. The player started without arguments goes full screen by itself and
+// starts the show when full screen has been reached (a window that never gets there never starts
+// it); a windowed mode starts it as soon as the window is shown and asks for no full screen.
+enum class ShowStart { OnFullScreenEntry, OnWindowShown };
+
 class AppDelegate {
 public:
-    AppDelegate(Application& application, MainThreadQueue& mainQueue);
+    AppDelegate(Application& application, MainThreadQueue& mainQueue,
+                ShowStart showStart = ShowStart::OnFullScreenEntry);
     ~AppDelegate();
     AppDelegate(const AppDelegate&) = delete;
     AppDelegate& operator=(const AppDelegate&) = delete;
@@ -60,6 +68,7 @@ public:
     // SDL events, translated into the notifications above and the view's operations.
     void handleWindowEvent(const SDL_WindowEvent& event);
     void handleKeyDown(const SDL_KeyboardEvent& event);
+    void handleSystemEvent(const SDL_SysWMmsg& message);
 
     // 0, or 1 after a failed launch or a frame that could not be drawn.
     int exitStatus() const;
@@ -68,12 +77,15 @@ public:
 
 private:
     void toggleFullScreen();
-    void noteFullScreenState();
+    void noteFullScreenState(bool resized = false);
 
     Application& application_;
     MainThreadQueue& mainQueue_;
+    const ShowStart showStart_;
     bool launchFailed_ = false;
-    bool inFullScreen_ = false;  // the window covers its display in full-screen mode
+    std::unique_ptr<WindowManagerState> windowManagerState_;
+    FullScreenEntry fullScreenEntry_;
+    bool settleCheckPending_ = false;  // a delayed look at a full-screen state not yet settled
 
     bool _didEnterInitialFullscreen = false;
     std::unique_ptr<Window> _window;

@@ -74,6 +74,9 @@ void handleEvent(const SDL_Event& event, Application& application, AppDelegate& 
     case SDL_KEYDOWN:
         delegate.handleKeyDown(event.key);
         break;
+    case SDL_SYSWMEVENT:  // the window manager's side of full screen
+        delegate.handleSystemEvent(*event.syswm.msg);
+        break;
     default:  // the main queue's wake event among others: its tasks run after the events
         break;
     }

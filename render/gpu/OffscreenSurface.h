@@ -26,6 +26,7 @@ public:
     bool nextDrawable(Drawable& drawable) override;
     void encodePresent(CommandBuffer& commands, const Drawable& drawable) override;
     void present(const Drawable& drawable) override;
+    void giveBack(const Drawable&) override {}  // the ring's images are never held back
 
     // The last presented image, width × height × 4 bytes, RGBA, top row first; waits for the GPU.
     // Empty when nothing has been presented yet.

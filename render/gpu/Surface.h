@@ -1,8 +1,9 @@
 #pragma once
 // The presentation surface: where frames go. The renderer asks it for the next drawable (a colour
 // target at the drawable size), draws into it, lets the surface record its presentation work at
-// the end of the frame's command buffer, submits, and then presents. Two implementations: a
-// swapchain on a window (WindowSurface.h) and images in GPU memory (OffscreenSurface.h).
+// the end of the frame's command buffer, submits, and then presents; a frame that is not submitted
+// gives its drawable back instead. Two implementations: a swapchain on a window
+// (WindowSurface.h) and images in GPU memory (OffscreenSurface.h).
 
 #include "render/gpu/Vk.h"
 
@@ -42,6 +43,10 @@ public:
     virtual void encodePresent(CommandBuffer& commands, const Drawable& drawable) = 0;
     // After the frame's submission: hands the drawable to presentation.
     virtual void present(const Drawable& drawable) = 0;
+    // Instead of present when the frame was not submitted (the submission failed, or encoding
+    // raised): the drawable goes back to the surface without the frame, so that later frames
+    // still get one. Never throws.
+    virtual void giveBack(const Drawable& drawable) = 0;
 };
 
 } // namespace brisvale::gpu

@@ -3,6 +3,7 @@
 // Each swapchain image has a colour target of the drawable size beside it; the renderer draws
 // into the target and the frame ends with a blit (stretch) onto the swapchain image. The
 // swapchain is recreated when it is out of date, suboptimal or the window's size has changed.
+// An image whose frame was not submitted is given back with a small submission of its own.
 //
 // [SECTION] Swapchain set-up
 // [SECTION] Drawables
@@ -20,6 +21,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <stdexcept>
+#include <string>
 #include <vector>
 
 namespace brisvale::gpu {
@@ -56,11 +59,14 @@ public:
     bool nextDrawable(Drawable& drawable) override;
     void encodePresent(CommandBuffer& commands, const Drawable& drawable) override;
     void present(const Drawable& drawable) override;
+    void giveBack(const Drawable& drawable) override;
 
 private:
     bool windowExtentChanged() const;
     bool recreateSwapchain();
     void destroySwapchain();
+    void blitOntoImage(VkCommandBuffer cmd, const Texture* source, VkImage image) const;
+    void queuePresent(const Drawable& drawable);
 
     Device& device_;
     SDL_Window* window_;
@@ -75,7 +81,9 @@ private:
     std::vector<std::shared_ptr<Texture>> targets_;            // drawable-size colour target per image
     std::vector<std::unique_ptr<Semaphore>> acquired_;         // the acquisition each image last waited on
     std::vector<std::unique_ptr<Semaphore>> renderFinished_;   // per image: frame done, may present
+    std::vector<std::unique_ptr<CommandBuffer>> giveBack_;     // per image: presents it without a frame
     std::unique_ptr<Semaphore> spare_;                         // free for the next acquisition
+    std::shared_ptr<Texture> lastPicture_;                     // the target of the last presented frame
     bool outOfDate_ = true;
 };
 
@@ -92,6 +100,7 @@ bool WindowSurface::windowExtentChanged() const {
 
 void WindowSurface::destroySwapchain() {
     targets_.clear();
+    giveBack_.clear();
     acquired_.clear();
     renderFinished_.clear();
     images_.clear();
@@ -159,6 +168,7 @@ bool WindowSurface::recreateSwapchain() {
     for (std::uint32_t i = 0; i < count; ++i) {
         acquired_.push_back(std::make_unique<Semaphore>(device_));
         renderFinished_.push_back(std::make_unique<Semaphore>(device_));
+        giveBack_.push_back(CommandBuffer::create(device_));  // null: given back by a rebuild instead
     }
     outOfDate_ = false;
     return true;
@@ -217,10 +227,6 @@ bool WindowSurface::nextDrawable(Drawable& drawable) {
 // ---------------------------------------------------------------------------------------------
 
 void WindowSurface::encodePresent(CommandBuffer& commands, const Drawable& drawable) {
-    VkCommandBuffer cmd = commands.handle();
-    const Texture& target = *drawable.texture;
-    VkImage image = images_[drawable.index];
-
     ImageTransition toSource;
     toSource.srcStage = VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT;
     toSource.srcAccess = VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT;
@@ -228,27 +234,39 @@ void WindowSurface::encodePresent(CommandBuffer& commands, const Drawable& drawa
     toSource.dstAccess = VK_ACCESS_2_TRANSFER_READ_BIT;
     toSource.oldLayout = VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL;
     toSource.newLayout = VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL;
-    transitionTexture(cmd, target, toSource);
+    transitionTexture(commands.handle(), *drawable.texture, toSource);
+    blitOntoImage(commands.handle(), drawable.texture, images_[drawable.index]);
+}
 
+// Stretches `source` (in TRANSFER_SRC_OPTIMAL) over the swapchain image and leaves the image
+// ready to present; with no source the image is cleared to black.
+void WindowSurface::blitOntoImage(VkCommandBuffer cmd, const Texture* source, VkImage image) const {
     // Chained to the acquisition semaphore, which the submission waits on at the transfer stage.
     ImageTransition toDestination;
     toDestination.srcStage = VK_PIPELINE_STAGE_2_ALL_TRANSFER_BIT;
-    toDestination.dstStage = VK_PIPELINE_STAGE_2_BLIT_BIT;
+    toDestination.dstStage = VK_PIPELINE_STAGE_2_ALL_TRANSFER_BIT;
     toDestination.dstAccess = VK_ACCESS_2_TRANSFER_WRITE_BIT;
     toDestination.oldLayout = VK_IMAGE_LAYOUT_UNDEFINED;
     toDestination.newLayout = VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL;
     transitionImage(cmd, image, VK_IMAGE_ASPECT_COLOR_BIT, toDestination);
 
-    VkImageBlit region{};
-    region.srcSubresource = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 0, 1};
-    region.srcOffsets[1] = {static_cast<std::int32_t>(target.width()), static_cast<std::int32_t>(target.height()), 1};
-    region.dstSubresource = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 0, 1};
-    region.dstOffsets[1] = {static_cast<std::int32_t>(extent_.width), static_cast<std::int32_t>(extent_.height), 1};
-    vkCmdBlitImage(cmd, target.image(), VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL, image,
-                   VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL, 1, &region, VK_FILTER_LINEAR);
+    if (source != nullptr) {
+        VkImageBlit region{};
+        region.srcSubresource = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 0, 1};
+        region.srcOffsets[1] = {static_cast<std::int32_t>(source->width()), static_cast<std::int32_t>(source->height()),
+                                1};
+        region.dstSubresource = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 0, 1};
+        region.dstOffsets[1] = {static_cast<std::int32_t>(extent_.width), static_cast<std::int32_t>(extent_.height), 1};
+        vkCmdBlitImage(cmd, source->image(), VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL, image,
+                       VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL, 1, &region, VK_FILTER_LINEAR);
+    } else {
+        const VkClearColorValue black{};
+        const VkImageSubresourceRange range{VK_IMAGE_ASPECT_COLOR_BIT, 0, 1, 0, 1};
+        vkCmdClearColorImage(cmd, image, VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL, &black, 1, &range);
+    }
 
     ImageTransition toPresent;
-    toPresent.srcStage = VK_PIPELINE_STAGE_2_BLIT_BIT;
+    toPresent.srcStage = VK_PIPELINE_STAGE_2_ALL_TRANSFER_BIT;
     toPresent.srcAccess = VK_ACCESS_2_TRANSFER_WRITE_BIT;
     toPresent.oldLayout = VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL;
     toPresent.newLayout = VK_IMAGE_LAYOUT_PRESENT_SRC_KHR;
@@ -256,6 +274,37 @@ void WindowSurface::encodePresent(CommandBuffer& commands, const Drawable& drawa
 }
 
 void WindowSurface::present(const Drawable& drawable) {
+    lastPicture_ = targets_[drawable.index];
+    queuePresent(drawable);
+}
+
+void WindowSurface::giveBack(const Drawable& drawable) {
+    // The image was acquired: until its acquisition is waited on and the image is presented, the
+    // swapchain never hands it out again, and a few such frames would leave none. A submission of
+    // its own does both: it waits on the acquisition, shows the last picture again (so a failed
+    // frame looks like a dropped one) and signals presentation.
+    CommandBuffer* commands = giveBack_[drawable.index].get();
+    VkFence previous = commands != nullptr ? commands->fence() : VK_NULL_HANDLE;  // this image's last give-back
+    bool submitted = false;
+    if (commands != nullptr &&
+        vkWaitForFences(device_.handle(), 1, &previous, VK_TRUE, kAcquireTimeoutNs) == VK_SUCCESS) {
+        try {
+            commands->begin();
+            blitOntoImage(commands->handle(), lastPicture_.get(), images_[drawable.index]);
+            commands->end();
+            submitted = commands->submit(SubmitSync{drawable.wait, drawable.waitStage, drawable.signal}) == VK_SUCCESS;
+        } catch (const std::runtime_error&) {
+            submitted = false;
+        }
+    }
+    if (!submitted) {
+        outOfDate_ = true;  // a new swapchain before the next frame releases every image of this one
+        return;
+    }
+    queuePresent(drawable);
+}
+
+void WindowSurface::queuePresent(const Drawable& drawable) {
     VkSemaphore wait = drawable.signal;
     VkPresentInfoKHR info{};
     info.sType = VK_STRUCTURE_TYPE_PRESENT_INFO_KHR;
@@ -273,13 +322,11 @@ void WindowSurface::present(const Drawable& drawable) {
 std::unique_ptr<Surface> createWindowSurface(Device& device, SDL_Window* window) {
     if (window == nullptr) return nullptr;
     if (!device.supportsSwapchain()) {
-        std::fprintf(stderr, "Vulkan device was created without window support\n");
-        return nullptr;
+        throw std::runtime_error("Vulkan device was created without window support");
     }
     VkSurfaceKHR surface = VK_NULL_HANDLE;
     if (SDL_Vulkan_CreateSurface(window, device.instance(), &surface) != SDL_TRUE) {
-        std::fprintf(stderr, "SDL_Vulkan_CreateSurface failed: %s\n", SDL_GetError());
-        return nullptr;
+        throw std::runtime_error(std::string("SDL_Vulkan_CreateSurface: ") + SDL_GetError());
     }
     VkBool32 supported = VK_FALSE;
     vkGetPhysicalDeviceSurfaceSupportKHR(device.physicalDevice(), device.queueFamily(), surface, &supported);
@@ -288,9 +335,8 @@ std::unique_ptr<Surface> createWindowSurface(Device& device, SDL_Window* window)
     std::vector<VkSurfaceFormatKHR> formats(count);
     vkGetPhysicalDeviceSurfaceFormatsKHR(device.physicalDevice(), surface, &count, formats.data());
     if (!supported || formats.empty()) {
-        std::fprintf(stderr, "The window's Vulkan surface cannot be presented to\n");
         vkDestroySurfaceKHR(device.instance(), surface, nullptr);
-        return nullptr;
+        throw std::runtime_error("The window's Vulkan surface cannot be presented to");
     }
     VkSurfaceFormatKHR chosen = formats.front();
     bool found = false;

@@ -12,8 +12,8 @@ namespace brisvale::gpu {
 
 class Device;
 
-// nullptr (with the reason on stderr) when the window has no usable Vulkan surface. The device
-// must have been created with SDL's instance extensions.
+// nullptr when there is no window. Throws std::runtime_error with one line when the window has no
+// usable Vulkan surface. The device must have been created with SDL's instance extensions.
 std::unique_ptr<Surface> createWindowSurface(Device& device, SDL_Window* window);
 
 } // namespace brisvale::gpu

@@ -167,6 +167,71 @@ TEST_F(PlayerE2E, AOneSecondShowGoesFullScreenRendersAndEndsByItself) {
     EXPECT_EQ(run.stderrText(), "");
 }
 
+// A desktop with panels, tiling or scaling grants full screen at a size other than the display's,
+// and takes its time about it: the show starts when full screen is granted, not when asked for.
+TEST_F(PlayerE2E, FullScreenGrantedLateAtAnotherSizeStartsTheShow) {
+    X11Session x(FullScreenGrant{60, 40, 1800, 1000, 1500ms});
+    Bundle bundle;
+    bundle.pack(Bundle::testShow());
+    PlayerRun run = start(bundle);
+
+    const auto fullScreenAt = waitForWindow(x, run, 1800, 1000);
+    ASSERT_TRUE(fullScreenAt) << run.stderrText();
+
+    std::this_thread::sleep_until(*fullScreenAt + 1500ms);
+    const Screenshot shot = x.screenshot();
+    // The full-screen drawable, 1920 x 1080, stretched over the window at (60, 40).
+    expectNear(shot.at(60 + 190, 40 + 500), 255, 0, 0);
+    expectNear(shot.at(60 + 1350, 40 + 500), 0, 255, 0);
+    expectNear(shot.at(60 + 1350, 40 + 37), bandValue(1920), bandValue(1080), 255);
+
+    const auto status = run.process.waitFor(15s);
+    ASSERT_TRUE(status) << "the show did not end by itself";
+    const double afterFullScreen = std::chrono::duration<double>(Clock::now() - *fullScreenAt).count();
+    EXPECT_EQ(*status, 0) << run.stderrText();
+    EXPECT_GE(afterFullScreen, 4.75 - 0.5);
+    EXPECT_LE(afterFullScreen, 4.75 + 2.5) << "on a machine this loaded the margin may be too small";
+    EXPECT_EQ(run.stderrText(), "");
+}
+
+// A window manager that leaves the request unanswered: SDL believes the window is full screen,
+// but it never is, so the show must not start.
+// A bare X server, as `make run` starts under xvfb-run: no window manager sets any state, SDL
+// covers the display itself, and the show must still start and end.
+TEST_F(PlayerE2E, WithoutAWindowManagerTheShowStillPlaysToItsEnd) {
+    X11Session x(/*withWindowManager=*/false);
+    Bundle bundle;
+    bundle.pack(Bundle::testShow());
+    PlayerRun run = start(bundle);
+
+    const auto status = run.process.waitFor(20s);
+    ASSERT_TRUE(status) << "the show did not end by itself";
+    EXPECT_EQ(*status, 0) << run.stderrText();
+    EXPECT_GE(std::chrono::duration<double>(Clock::now() - run.started).count(), 0.25 + 4.75);
+    EXPECT_EQ(run.stderrText(), "");
+}
+
+TEST_F(PlayerE2E, FullScreenNeverGrantedNeverStartsTheShow) {
+    X11Session x(FullScreenGrant{});
+    Bundle bundle;
+    bundle.pack(Bundle::testShow());
+    PlayerRun run = start(bundle);
+
+    const auto shownAt = waitForWindow(x, run, 1280, 720);
+    ASSERT_TRUE(shownAt) << run.stderrText();
+    std::this_thread::sleep_until(*shownAt + 1500ms);
+    const auto w = x.window(kTitle);
+    ASSERT_TRUE(w);
+    EXPECT_EQ(w->width, 1280);
+    EXPECT_LT(x.screenshot().at(w->x + 100, w->y + 360).r, 128) << "the show started in a window";
+
+    x.key("Escape");
+    const auto status = run.process.waitFor(5s);
+    ASSERT_TRUE(status);
+    EXPECT_EQ(*status, 0);
+    EXPECT_EQ(run.stderrText(), "");
+}
+
 TEST_F(PlayerE2E, NoDemoDatFailsTheLaunchWithOneLineAndNeverShowsTheWindow) {
     X11Session x(/*withWindowManager=*/false);
     Bundle bundle;  // nothing packed
@@ -212,6 +277,19 @@ TEST_F(PlayerE2E, WithoutAVulkanDeviceTheRendererRefusesTheLaunch) {
     ASSERT_TRUE(status);
     EXPECT_EQ(*status, 1);
     EXPECT_EQ(run.stderrText(), "Launch failed: Metal device is not available\n");
+}
+
+// SDL cannot load Vulkan, so the window is made without it, yet the renderer would find a device:
+// the window's surface fails, in the launch's one line and nowhere else.
+TEST_F(PlayerE2E, AWindowWithoutVulkanFailsTheLaunchWithOneLine) {
+    X11Session x(/*withWindowManager=*/false);
+    Bundle bundle;
+    bundle.pack(Bundle::testShow());
+    PlayerRun run = start(bundle, {{"SDL_VULKAN_LIBRARY", (bundle.dir() / "no-such-libvulkan.so").string()}});
+    const auto status = run.process.waitFor(20s);
+    ASSERT_TRUE(status);
+    EXPECT_EQ(*status, 1);
+    EXPECT_EQ(run.stderrText(), "Launch failed: Vulkan device was created without window support\n");
 }
 
 // Each way of quitting while the show runs: the view's Escape (with and without a modifier),

@@ -131,12 +131,25 @@ Screenshot::Pixel Screenshot::at(int x, int y) const {
 // The display
 
 X11Session::X11Session(bool withWindowManager) {
+    startDisplay();
+    if (withWindowManager) startWindowManager({"openbox"});
+}
+
+X11Session::X11Session(FullScreenGrant grant) {
+    startDisplay();
+    const std::string geometry = grant.width == 0 ? "refuse"
+                                                  : std::to_string(grant.width) + "x" + std::to_string(grant.height) +
+                                                        "+" + std::to_string(grant.x) + "+" + std::to_string(grant.y);
+    startWindowManager({BRISVALE_E2E_WINDOW_MANAGER, geometry, std::to_string(grant.after.count())});
+}
+
+void X11Session::startDisplay() {
     // Xvfb picks a free display itself and writes its number to the pipe.
     int fds[2];
     if (::pipe(fds) != 0) throw std::runtime_error("pipe failed");
     const std::string tag = std::to_string(::getpid()) + "-" + std::to_string(reinterpret_cast<std::uintptr_t>(this));
     xvfbLog_ = std::filesystem::temp_directory_path() / ("brisvale-xvfb-" + tag + ".log");
-    windowManagerLog_ = std::filesystem::temp_directory_path() / ("brisvale-openbox-" + tag + ".log");
+    windowManagerLog_ = std::filesystem::temp_directory_path() / ("brisvale-wm-" + tag + ".log");
     const std::filesystem::path& log = xvfbLog_;
     {
         // The write end must survive exec in the child only.
@@ -152,24 +165,24 @@ X11Session::X11Session(bool withWindowManager) {
     if (number.empty()) throw std::runtime_error("Xvfb did not start: " + readFile(log));
     display_ = ":" + number;
     ::setenv("DISPLAY", display_.c_str(), 1);
+}
 
-    if (withWindowManager) {
-        // Ready once it has claimed the root window's supporting-WM property. On a loaded machine
-        // it can take a while, and a window manager that lost a race with the new display exits:
-        // it is started again.
-        const std::filesystem::path& wmLog = windowManagerLog_;
-        const auto deadline = std::chrono::steady_clock::now() + 60s;
-        int starts = 0;
-        while (std::chrono::steady_clock::now() < deadline) {
-            if (!windowManager_.running() && starts < 3) {
-                windowManager_ = spawn({"openbox"}, {}, "/dev/null", wmLog);
-                ++starts;
-            }
-            if (shell("xprop -root _NET_SUPPORTING_WM_CHECK 2>/dev/null").find("window id") != std::string::npos) return;
-            std::this_thread::sleep_for(20ms);
+void X11Session::startWindowManager(const std::vector<std::string>& argv) {
+    // Ready once it has claimed the root window's supporting-WM property. On a loaded machine
+    // it can take a while, and a window manager that lost a race with the new display exits:
+    // it is started again.
+    const std::filesystem::path& wmLog = windowManagerLog_;
+    const auto deadline = std::chrono::steady_clock::now() + 60s;
+    int starts = 0;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (!windowManager_.running() && starts < 3) {
+            windowManager_ = spawn(argv, {}, "/dev/null", wmLog);
+            ++starts;
         }
-        throw std::runtime_error("openbox did not start: " + readFile(wmLog));
+        if (shell("xprop -root _NET_SUPPORTING_WM_CHECK 2>/dev/null").find("window id") != std::string::npos) return;
+        std::this_thread::sleep_for(20ms);
     }
+    throw std::runtime_error(argv[0] + " did not start: " + readFile(wmLog));
 }
 
 X11Session::~X11Session() {

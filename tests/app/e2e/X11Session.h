@@ -1,8 +1,9 @@
 #pragma once
 
 // What the player's end-to-end tests run it in: a private Xvfb display (1920 x 1080), an optional
-// window manager (openbox, for real full-screen changes), child processes with their output in
-// files, and the X tools that look at the screen (xwininfo, xdotool, import).
+// window manager (openbox, for real full-screen changes, or our own that grants full screen at a
+// size of its choosing), child processes with their output in files, and the X tools that look
+// at the screen (xwininfo, xdotool, import).
 
 #include <sys/types.h>
 
@@ -67,9 +68,20 @@ struct WindowInfo {
     int height = 0;
 };
 
+// Where our own window manager puts a window that asks for full screen, and how long it takes to
+// answer; a width of 0 refuses full screen.
+struct FullScreenGrant {
+    int x = 0;
+    int y = 0;
+    int width = 0;
+    int height = 0;
+    std::chrono::milliseconds after{0};
+};
+
 class X11Session {
 public:
-    explicit X11Session(bool withWindowManager);
+    explicit X11Session(bool withWindowManager);  // openbox, or none
+    explicit X11Session(FullScreenGrant grant);   // tests/app/e2e/FullScreenWindowManager.cpp
     ~X11Session();
     X11Session(const X11Session&) = delete;
     X11Session& operator=(const X11Session&) = delete;
@@ -80,6 +92,9 @@ public:
     void key(const std::string& keysym) const;
 
 private:
+    void startDisplay();
+    void startWindowManager(const std::vector<std::string>& argv);
+
     std::string display_;
     std::filesystem::path xvfbLog_;
     std::filesystem::path windowManagerLog_;
