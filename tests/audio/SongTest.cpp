@@ -4,11 +4,18 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <thread>
 
 #include "app/App.h"
 #include "app/RenderViewLogic.h"
@@ -466,6 +473,47 @@ TEST(SongMemory, DestroyReleasesOnceAndIgnoresNull) {
     EXPECT_EQ(song.duration_seconds, 0.01);
     EXPECT_EQ(audio_song_duration(nullptr), -1.0);
     EXPECT_EQ(audio_song_duration(&song), 0.01);
+}
+
+// A FIFO blocks whoever opens it for reading until a writer comes, and a device may never end:
+// the path loaders refuse anything but a regular file, at once.
+TEST(SongFailures, APathThatIsNoRegularFileIsRefusedWithoutBlocking) {
+    TempDir dir;
+    const std::string fifo = dir.file("music.fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    std::atomic<bool> finished{false};
+    int loaded = 0;
+    int probed = 0;
+    std::string out;
+    std::thread loader([&] {
+        audio_set_error_logging(true);
+        testing::internal::CaptureStderr();
+        audio_song song{};
+        loaded = audio_song_load(&song, fifo.c_str());
+        probed = audio_song_probe(&song, fifo.c_str());
+        out = testing::internal::GetCapturedStderr();
+        audio_set_error_logging(false);
+        finished = true;
+    });
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (!finished && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    const bool blocked = !finished;
+    // Releases a loader that blocked, so that a failure ends the test instead of hanging it.
+    while (!finished) {
+        const int fd = ::open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
+        if (fd >= 0) {
+            ::close(fd);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    loader.join();
+    EXPECT_FALSE(blocked);
+    EXPECT_EQ(loaded, -1);
+    EXPECT_EQ(probed, -1);
+    const std::string line = "ExtAudioFileOpenURL failed: " + std::to_string(platform::kStatusNotRegularFile) + "\n";
+    EXPECT_EQ(out, line + line);
 }
 
 TEST(SongFailures, PathFailuresReturnMinusOneAndReportOnlyWithLoggingOn) {
