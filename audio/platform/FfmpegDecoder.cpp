@@ -71,7 +71,8 @@ struct FrameFreer {
 };
 
 constexpr int kIoBufferSize = 32768;
-// A path's URL: the readers open the named file themselves, FFmpeg never sees the path as a URL.
+// A path's URL. The reader opens the file itself; FFmpeg sees the URL only as the file's name
+// ("file:" keeps a colon in the name from reading as a protocol).
 constexpr const char* kFileUrlPrefix = "file:";
 
 } // namespace
@@ -104,7 +105,7 @@ struct ContainerReader {
     ReadProc read = nullptr;
     GetSizeProc getSize = nullptr;
     int64_t position = 0;
-    std::string name;  // the path, for the format probe's look at the extension; empty for memory
+    std::string name;  // the file's URL, for the format probe's look at the extension; empty for memory
 
     AVStream* stream() const { return format->streams[audioStream]; }
 };
@@ -287,7 +288,7 @@ Status containerOpenUrl(const std::string& url, ContainerReader** out) noexcept 
         return kStatusNotRegularFile;
     }
     try {
-        reader->name = path;
+        reader->name = url;
     } catch (...) {
         return kStatusOutOfMemory;
     }
