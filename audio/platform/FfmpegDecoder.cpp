@@ -933,10 +933,13 @@ Count countPackets(ContainerReader& r, int rate, int64_t* frames) {
             return Count::Unknown;
         }
         int64_t n = av_rescale_q(p->duration, timeBase, AVRational{1, rate});
+        if (n < 0 || n > kMaxCountedFrames) {
+            return Count::Unknown;
+        }
         uint32_t discard = 0;
         size_t size = 0;
         if (const uint8_t* side = av_packet_get_side_data(p.get(), AV_PKT_DATA_SKIP_SAMPLES, &size); side && size >= 10) {
-            skip = readLe32(side);
+            skip = std::max<int32_t>(0, static_cast<int32_t>(readLe32(side)));  // read as the codec reads it
             discard = readLe32(side + 4);
         }
         if (p->flags & AV_PKT_FLAG_DISCARD) {
