@@ -4,6 +4,7 @@
 // States (running, paused, done): Created (0,0,0); Playing (1,0,0); Paused (1,1,0);
 // Ran out (0,0,1); Ran out during priming (1,0,1); Stopped (0,any,1).
 
+#include <cmath>
 #include <cstdio>
 #include <new>
 
@@ -190,6 +191,14 @@ int audio_player_pause(audio_player* p) noexcept {
     if (const Status st = platform::queueStop(p->queue.get(), true); st != 0) {
         audio_log(msg::kQueueStopPause, st);
         return -1;
+    }
+    // The device plays out what it was handed before the stop, so output falls silent after the
+    // last frame handed over, not at the one heard when pause was asked: resume goes on from
+    // there, or those frames would play twice.
+    double handedOver = 0.0;
+    if (rate > 0 && platform::queueGetCurrentTime(p->queue.get(), &handedOver) == 0) {
+        p->resume_frame = std::llround(p->base_seconds * rate) + static_cast<int64_t>(handedOver);
+        p->paused_seconds = static_cast<double>(p->resume_frame) / rate;
     }
     p->paused.store(true);
     return 0;

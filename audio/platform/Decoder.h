@@ -26,6 +26,7 @@ inline constexpr Status kStatusUnsupportedFile = static_cast<Status>(fourCharCod
 inline constexpr Status kStatusFormatNotSupported = static_cast<Status>(fourCharCode("fmt?"));
 inline constexpr Status kStatusUnknownLength = static_cast<Status>(fourCharCode("nlen"));
 inline constexpr Status kStatusOutOfMemory = static_cast<Status>(fourCharCode("mem!"));
+inline constexpr Status kStatusNotRegularFile = static_cast<Status>(fourCharCode("nreg"));
 
 inline constexpr uint32_t kFormatLinearPCM = fourCharCode("lpcm");
 inline constexpr uint32_t kFormatFlagIsFloat = 1;
@@ -49,6 +50,7 @@ struct InfoDictionary {
 // A path that names something other than a directory, as the readers open it; false otherwise.
 bool fileUrlFromPath(const char* path, std::string* url) noexcept;
 
+// Opens only a regular file (kStatusNotRegularFile for a FIFO, a device, a socket), never waits.
 Status containerOpenUrl(const std::string& url, ContainerReader** reader) noexcept;
 Status containerOpenWithCallbacks(void* context, ReadProc read, GetSizeProc getSize, ContainerReader** reader) noexcept;
 void containerClose(ContainerReader* reader) noexcept;
@@ -63,6 +65,8 @@ Status decoderOpenUrl(const std::string& url, audio_decoder** decoder) noexcept;
 Status decoderWrapReader(ContainerReader* reader, audio_decoder** decoder) noexcept;
 void decoderDispose(audio_decoder* decoder) noexcept;
 Status decoderGetFileDataFormat(audio_decoder* decoder, AudioStreamBasicDescription* format) noexcept;
+// The number of frames the decoder delivers from the start to the end. Where the container does
+// not state it, it is counted once (bounded; kStatusUnknownLength beyond the bounds).
 Status decoderGetLengthFrames(audio_decoder* decoder, int64_t* frames) noexcept;
 Status decoderSetClientDataFormat(audio_decoder* decoder, const AudioStreamBasicDescription& format) noexcept;
 // Reads up to *frames whole frames into destination (bytes long); *frames becomes the count

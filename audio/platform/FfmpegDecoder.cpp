@@ -1,15 +1,18 @@
 // The decoder on FFmpeg: container readers over a path or a memory block (custom AVIO with read,
 // seek and size callbacks), tags and cover from the container, a codec plus libswresample that
 // deliver interleaved float32 or s16 frames at the file's own rate and channel count, the exact
-// length in frames where the container knows it, and sample-exact seeking.
+// length in frames (from the container, else counted), and sample-exact seeking.
 //
-// Sections: [LOG] [READER] [TAGS] [DECODER] [LENGTH] [READ] [SEEK]
+// Sections: [LOG] [READER] [TAGS] [DECODER] [LENGTH] [READ] [COUNT] [SEEK]
 
 #include "audio/platform/Decoder.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -68,11 +71,30 @@ struct FrameFreer {
 };
 
 constexpr int kIoBufferSize = 32768;
+// A path's URL. The reader opens the file itself; FFmpeg sees the URL only as the file's name
+// ("file:" keeps a colon in the name from reading as a protocol).
+constexpr const char* kFileUrlPrefix = "file:";
 
 } // namespace
 
 // [READER]
+// A file descriptor closed with its owner.
+struct FileDescriptor {
+    int fd = -1;
+    FileDescriptor() = default;
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    ~FileDescriptor() {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+};
+
 struct ContainerReader {
+    // A reader on a path reads this regular file through fileRead; declared first so that it is
+    // closed last.
+    FileDescriptor file;
     // Declared before `format` so that it is released after it: the format context reads
     // through it until it is closed.
     std::unique_ptr<AVIOContext, IoFreer> io;
@@ -83,6 +105,7 @@ struct ContainerReader {
     ReadProc read = nullptr;
     GetSizeProc getSize = nullptr;
     int64_t position = 0;
+    std::string name;  // the file's URL, for the format probe's look at the extension; empty for memory
 
     AVStream* stream() const { return format->streams[audioStream]; }
 };
@@ -123,6 +146,26 @@ int64_t ioSeek(void* opaque, int64_t offset, int whence) {
     return target;
 }
 
+// The read and size callbacks of a reader on a file (context = the reader).
+Status fileRead(void* context, int64_t position, uint32_t request, void* destination, uint32_t* actualCount) {
+    const auto* r = static_cast<const ContainerReader*>(context);
+    ssize_t n = -1;
+    do {
+        n = ::pread(r->file.fd, destination, request, position);
+    } while (n < 0 && errno == EINTR);
+    if (n < 0) {
+        *actualCount = 0;
+        return AVERROR(errno);
+    }
+    *actualCount = static_cast<uint32_t>(n);
+    return 0;
+}
+
+int64_t fileSize(void* context) {
+    struct stat st {};
+    return ::fstat(static_cast<const ContainerReader*>(context)->file.fd, &st) == 0 ? st.st_size : 0;
+}
+
 Status finishOpen(std::unique_ptr<ContainerReader>& reader, AVFormatContext* format) {
     reader->format.reset(format);
     int rc = avformat_find_stream_info(format, nullptr);
@@ -143,58 +186,8 @@ Status finishOpen(std::unique_ptr<ContainerReader>& reader, AVFormatContext* for
     return 0;
 }
 
-} // namespace
-
-bool fileUrlFromPath(const char* path, std::string* url) noexcept {
-    if (path == nullptr || *path == '\0') {
-        return false;
-    }
-    struct stat st {};
-    if (::stat(path, &st) == 0 && S_ISDIR(st.st_mode)) {
-        return false;
-    }
-    try {
-        // "file:" keeps FFmpeg from reading a colon in the name as a protocol.
-        *url = std::string("file:") + path;
-    } catch (...) {
-        return false;
-    }
-    return true;
-}
-
-Status containerOpenUrl(const std::string& url, ContainerReader** out) noexcept {
-    installFfmpegLog();
-    *out = nullptr;
-    std::unique_ptr<ContainerReader> reader(new (std::nothrow) ContainerReader);
-    if (!reader) {
-        return kStatusOutOfMemory;
-    }
-    AVFormatContext* format = nullptr;
-    const int rc = avformat_open_input(&format, url.c_str(), nullptr, nullptr);
-    if (rc < 0) {
-        return rc;
-    }
-    if (const Status st = finishOpen(reader, format); st != 0) {
-        return st;
-    }
-    *out = reader.release();
-    return 0;
-}
-
-Status containerOpenWithCallbacks(void* context, ReadProc read, GetSizeProc getSize, ContainerReader** out) noexcept {
-    installFfmpegLog();
-    *out = nullptr;
-    if (read == nullptr || getSize == nullptr) {
-        return kStatusParam;
-    }
-    std::unique_ptr<ContainerReader> reader(new (std::nothrow) ContainerReader);
-    if (!reader) {
-        return kStatusOutOfMemory;
-    }
-    reader->context = context;
-    reader->read = read;
-    reader->getSize = getSize;
-
+// Opens the container through the reader's callbacks (set by the caller).
+Status openThroughCallbacks(std::unique_ptr<ContainerReader> reader, ContainerReader** out) {
     auto* buffer = static_cast<unsigned char*>(av_malloc(kIoBufferSize));
     if (buffer == nullptr) {
         return kStatusOutOfMemory;
@@ -213,7 +206,7 @@ Status containerOpenWithCallbacks(void* context, ReadProc read, GetSizeProc getS
     format->pb = io;
     format->flags |= AVFMT_FLAG_CUSTOM_IO;
     // On failure avformat_open_input frees the context (not our I/O context).
-    const int rc = avformat_open_input(&format, nullptr, nullptr, nullptr);
+    const int rc = avformat_open_input(&format, reader->name.empty() ? nullptr : reader->name.c_str(), nullptr, nullptr);
     if (rc < 0) {
         return rc;
     }
@@ -222,6 +215,103 @@ Status containerOpenWithCallbacks(void* context, ReadProc read, GetSizeProc getS
     }
     *out = reader.release();
     return 0;
+}
+
+// A second reader over the same bytes, positioned at the start.
+Status containerReopen(const ContainerReader& r, ContainerReader** out) {
+    *out = nullptr;
+    std::unique_ptr<ContainerReader> reader(new (std::nothrow) ContainerReader);
+    if (!reader) {
+        return kStatusOutOfMemory;
+    }
+    try {
+        reader->name = r.name;
+    } catch (...) {
+        return kStatusOutOfMemory;
+    }
+    if (r.file.fd >= 0) {
+        reader->file.fd = ::fcntl(r.file.fd, F_DUPFD_CLOEXEC, 0);
+        if (reader->file.fd < 0) {
+            return AVERROR(errno);
+        }
+        reader->context = reader.get();
+        reader->read = fileRead;
+        reader->getSize = fileSize;
+    } else {
+        reader->context = r.context;
+        reader->read = r.read;
+        reader->getSize = r.getSize;
+    }
+    return openThroughCallbacks(std::move(reader), out);
+}
+
+} // namespace
+
+bool fileUrlFromPath(const char* path, std::string* url) noexcept {
+    if (path == nullptr || *path == '\0') {
+        return false;
+    }
+    struct stat st {};
+    if (::stat(path, &st) == 0 && S_ISDIR(st.st_mode)) {
+        return false;
+    }
+    try {
+        *url = std::string(kFileUrlPrefix) + path;
+    } catch (...) {
+        return false;
+    }
+    return true;
+}
+
+Status containerOpenUrl(const std::string& url, ContainerReader** out) noexcept {
+    installFfmpegLog();
+    *out = nullptr;
+    if (url.rfind(kFileUrlPrefix, 0) != 0) {
+        return kStatusParam;
+    }
+    std::unique_ptr<ContainerReader> reader(new (std::nothrow) ContainerReader);
+    if (!reader) {
+        return kStatusOutOfMemory;
+    }
+    const char* path = url.c_str() + std::strlen(kFileUrlPrefix);
+    // Without O_NONBLOCK, opening a FIFO would wait for a writer. Only a regular file is read: a
+    // FIFO or a device could block a read or never end.
+    reader->file.fd = ::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (reader->file.fd < 0) {
+        return AVERROR(errno);
+    }
+    struct stat st {};
+    if (::fstat(reader->file.fd, &st) != 0) {
+        return AVERROR(errno);
+    }
+    if (!S_ISREG(st.st_mode)) {
+        return kStatusNotRegularFile;
+    }
+    try {
+        reader->name = url;
+    } catch (...) {
+        return kStatusOutOfMemory;
+    }
+    reader->context = reader.get();
+    reader->read = fileRead;
+    reader->getSize = fileSize;
+    return openThroughCallbacks(std::move(reader), out);
+}
+
+Status containerOpenWithCallbacks(void* context, ReadProc read, GetSizeProc getSize, ContainerReader** out) noexcept {
+    installFfmpegLog();
+    *out = nullptr;
+    if (read == nullptr || getSize == nullptr) {
+        return kStatusParam;
+    }
+    std::unique_ptr<ContainerReader> reader(new (std::nothrow) ContainerReader);
+    if (!reader) {
+        return kStatusOutOfMemory;
+    }
+    reader->context = context;
+    reader->read = read;
+    reader->getSize = getSize;
+    return openThroughCallbacks(std::move(reader), out);
 }
 
 void containerClose(ContainerReader* reader) noexcept {
@@ -335,6 +425,9 @@ struct audio_decoder {
 
     bool lengthKnown = false;
     int64_t lengthFrames = 0;
+    // The length counted where the container states none: done once, 0 when it could not be.
+    bool lengthCounted = false;
+    int64_t countedFrames = 0;
 
     // Timestamp (stream time base) of frame 0: the first frame decoded from the start. Frames are
     // placed relative to it; the first one is held until the first read.
@@ -406,17 +499,21 @@ bool lameDelayAndPadding(AVIOContext* io, int64_t* delay, int64_t* padding) {
     return true;
 }
 
+// Matroska and WebM keep times in milliseconds: neither their duration nor their timestamps
+// place a frame exactly.
+bool millisecondTimestamps(const AVInputFormat* format) { return std::strcmp(format->name, "matroska,webm") == 0; }
+
 // [LENGTH] The length in frames where the container states it, equal to the frames decoded:
 // WAV/AIFF (data size), FLAC (STREAMINFO), Ogg (last granule, less the Opus pre-skip),
 // MP4 (edit list, so AAC priming is already left out), MP3 with a Xing/LAME header (its frame
 // count less the encoder delay and padding of the LAME tag). Raw streams (ADTS, MP3 without a
-// header) only have FFmpeg's estimate from the bitrate and the file size: that is not reported,
-// their length is unknown and the duration stays 0.0.
+// header) only have FFmpeg's estimate from the bitrate and the file size: that is not used,
+// their length is counted ([COUNT]).
 bool containerLength(const audio_decoder& d, int64_t* frames) {
     const AVFormatContext* f = d.reader->format.get();
     const AVStream* s = d.stream;
     const int rate = s->codecpar->sample_rate;
-    if (rate <= 0 || f->duration_estimation_method == AVFMT_DURATION_FROM_BITRATE) {
+    if (rate <= 0 || f->duration_estimation_method == AVFMT_DURATION_FROM_BITRATE || millisecondTimestamps(f->iformat)) {
         return false;
     }
     int64_t n = 0;
@@ -463,7 +560,7 @@ bool timestampsUnreliableAfterSeek(const AVInputFormat* format) {
             return true;
         }
     }
-    return false;
+    return millisecondTimestamps(format);
 }
 
 int bytesPerSample(AVSampleFormat f) { return av_get_bytes_per_sample(f); }
@@ -773,15 +870,182 @@ Status decoderGetFileDataFormat(audio_decoder* d, AudioStreamBasicDescription* f
     return 0;
 }
 
+// [COUNT] Where the container states no length, it is counted once, on a second reader over the
+// same bytes, so that the decoder that plays stays where it is. Codecs whose packets state their
+// frames are counted packet by packet without decoding (less the start and end trims the stream
+// declares, as the codec applies them); the others are decoded, through the same steps as
+// decoderRead, so the count is what a read to the end delivers. Both passes keep only a count,
+// and give up (length unknown) past fixed bounds of packets, frames and decoded samples.
+namespace {
+
+constexpr int64_t kMaxCountedPackets = int64_t{1} << 24;
+constexpr int64_t kMaxCountedFrames = int64_t{1} << 31;  // over 12 hours at 48 kHz
+constexpr int64_t kMaxDecodedSamples = int64_t{1} << 28;  // about 45 minutes of 48 kHz stereo
+
+// Every packet is whole frames whose count the parser reads from its header, and the codec
+// delivers exactly that many (no delay of its own beyond what the stream declares).
+bool packetsStateTheirFrames(AVCodecID id) {
+    switch (id) {
+    case AV_CODEC_ID_MP1:
+    case AV_CODEC_ID_MP2:
+    case AV_CODEC_ID_MP3:
+    case AV_CODEC_ID_AAC:
+    case AV_CODEC_ID_AC3:
+    case AV_CODEC_ID_EAC3:
+    case AV_CODEC_ID_FLAC:
+        return true;
+    default:
+        return id >= AV_CODEC_ID_PCM_S16LE && id < AV_CODEC_ID_ADPCM_IMA_QT && av_get_exact_bits_per_sample(id) > 0;
+    }
+}
+
+uint32_t readLe32(const uint8_t* b) {
+    return uint32_t(b[0]) | (uint32_t(b[1]) << 8) | (uint32_t(b[2]) << 16) | (uint32_t(b[3]) << 24);
+}
+
+enum class Count { Counted, NeedsDecoding, Unknown };
+
+Count countPackets(ContainerReader& r, int rate, int64_t* frames) {
+    std::unique_ptr<AVPacket, PacketFreer> p(av_packet_alloc());
+    if (!p) {
+        return Count::Unknown;
+    }
+    const AVRational timeBase = r.stream()->time_base;
+    // Packet durations count frames only where one frame is a whole number of time-base ticks.
+    if (timeBase.num <= 0 || timeBase.den % (int64_t{rate} * timeBase.num) != 0) {
+        return Count::NeedsDecoding;
+    }
+    int64_t total = 0;
+    int64_t packets = 0;
+    int64_t skip = 0;
+    for (;;) {
+        if (av_read_frame(r.format.get(), p.get()) < 0) {
+            break;  // the end, or a read error, which ends decoding the same way
+        }
+        std::unique_ptr<AVPacket, void (*)(AVPacket*)> unref(p.get(), av_packet_unref);
+        if (p->stream_index != r.audioStream) {
+            continue;
+        }
+        if (p->duration <= 0) {
+            return Count::NeedsDecoding;
+        }
+        if (++packets > kMaxCountedPackets) {
+            return Count::Unknown;
+        }
+        int64_t n = av_rescale_q(p->duration, timeBase, AVRational{1, rate});
+        if (n < 0 || n > kMaxCountedFrames) {
+            return Count::Unknown;
+        }
+        uint32_t discard = 0;
+        size_t size = 0;
+        if (const uint8_t* side = av_packet_get_side_data(p.get(), AV_PKT_DATA_SKIP_SAMPLES, &size); side && size >= 10) {
+            skip = std::max<int32_t>(0, static_cast<int32_t>(readLe32(side)));  // read as the codec reads it
+            discard = readLe32(side + 4);
+        }
+        if (p->flags & AV_PKT_FLAG_DISCARD) {
+            skip = std::max<int64_t>(0, skip - n);
+            continue;
+        }
+        const int64_t skipped = std::min(skip, n);
+        n -= skipped;
+        skip -= skipped;
+        if (discard > 0 && discard <= n) {
+            n -= discard;
+        }
+        total += n;
+        if (total > kMaxCountedFrames) {
+            return Count::Unknown;
+        }
+    }
+    *frames = total;
+    return Count::Counted;
+}
+
+// Takes the reader.
+bool countByDecoding(ContainerReader* reader, int64_t* frames) {
+    audio_decoder* raw = nullptr;
+    if (decoderWrapReader(reader, &raw) != 0) {
+        containerClose(reader);
+        return false;
+    }
+    std::unique_ptr<audio_decoder> c(raw);
+    const AVCodecParameters* par = c->stream->codecpar;
+    // The sample format does not change the frame count; s16 is the cheaper conversion.
+    AudioStreamBasicDescription f{};
+    f.mSampleRate = par->sample_rate;
+    f.mFormatID = kFormatLinearPCM;
+    f.mFormatFlags = kFormatFlagIsSignedInteger | kFormatFlagIsPacked;
+    f.mBitsPerChannel = 16;
+    f.mChannelsPerFrame = static_cast<uint32_t>(par->ch_layout.nb_channels);
+    f.mBytesPerFrame = 2 * f.mChannelsPerFrame;
+    f.mBytesPerPacket = f.mBytesPerFrame;
+    f.mFramesPerPacket = 1;
+    if (decoderSetClientDataFormat(c.get(), f) != 0) {
+        return false;
+    }
+    int64_t total = 0;
+    try {
+        while (!c->drained) {
+            // A failure ends decoderRead's song where it happens, and the count with it.
+            if (decodeMore(*c) != 0) {
+                break;
+            }
+            total += c->pendingFrames;
+            c->pendingFrames = 0;
+            c->pendingOffset = 0;
+            if (total > kMaxCountedFrames || total * f.mChannelsPerFrame > kMaxDecodedSamples) {
+                return false;
+            }
+        }
+    } catch (...) {
+        return false;
+    }
+    *frames = total;
+    return true;
+}
+
+int64_t countLength(const audio_decoder& d) {
+    const int rate = d.stream->codecpar->sample_rate;
+    if (rate <= 0) {
+        return 0;
+    }
+    int64_t frames = 0;
+    ContainerReader* reader = nullptr;
+    if (packetsStateTheirFrames(d.stream->codecpar->codec_id)) {
+        if (containerReopen(*d.reader, &reader) != 0) {
+            return 0;
+        }
+        const Count c = countPackets(*reader, rate, &frames);
+        containerClose(reader);
+        if (c != Count::NeedsDecoding) {
+            return c == Count::Counted ? frames : 0;
+        }
+    }
+    if (containerReopen(*d.reader, &reader) != 0) {
+        return 0;
+    }
+    return countByDecoding(reader, &frames) ? frames : 0;
+}
+
+} // namespace
+
 Status decoderGetLengthFrames(audio_decoder* d, int64_t* frames) noexcept {
     if (d == nullptr || frames == nullptr) {
         return kStatusParam;
     }
     int64_t n = 0;
-    if (!containerLength(*d, &n)) {
+    if (containerLength(*d, &n)) {
+        *frames = n;
+        return 0;
+    }
+    if (!d->lengthCounted) {
+        d->lengthCounted = true;
+        d->countedFrames = countLength(*d);
+    }
+    if (d->countedFrames <= 0) {
         return kStatusUnknownLength;
     }
-    *frames = n;
+    *frames = d->countedFrames;
     return 0;
 }
 
@@ -818,6 +1082,10 @@ Status decoderSetClientDataFormat(audio_decoder* d, const AudioStreamBasicDescri
     d->pendingOffset = 0;
     int64_t n = 0;
     d->lengthKnown = containerLength(*d, &n);
+    if (!d->lengthKnown && d->countedFrames > 0) {
+        d->lengthKnown = true;
+        n = d->countedFrames;
+    }
     d->lengthFrames = n;
     return 0;
 }
@@ -850,6 +1118,9 @@ Status decoderRead(audio_decoder* d, uint32_t* frames, void* destination, uint32
                 break;
             }
             if (const Status st = decodeMore(*d); st != 0) {
+                // The song ends at a failure, whatever the sizes of the reads: the counted length
+                // stops there too.
+                d->drained = true;
                 *frames = delivered;
                 return delivered > 0 ? 0 : st;
             }

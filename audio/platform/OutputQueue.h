@@ -41,7 +41,9 @@ Status queueStop(OutputQueue* queue, bool immediate) noexcept;
 // Discards everything queued; played buffers not yet handed back are dropped too. Output
 // pauses until the next start.
 Status queueReset(OutputQueue* queue) noexcept;
-// Frames played since the most recent start.
+// Frames the device has played since the most recent start; nothing before the first buffer
+// has played. After an immediate stop: every frame handed to the device, which plays out what
+// it holds. Unavailable after a reset.
 Status queueGetCurrentTime(OutputQueue* queue, double* sampleTime) noexcept;
 // Whether output runs: false before a start, after an immediate stop, and once a
 // stop-after-play has played everything queued.

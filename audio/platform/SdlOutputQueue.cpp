@@ -2,7 +2,8 @@
 //
 // Three threads meet here:
 // - SDL's real-time device thread runs `deviceCallback`: it only copies queued data out (scaled
-//   by the volume), counts the frames played and moves finished buffers to the hand-back list.
+//   by the volume), counts the frames handed over and moves finished buffers to the hand-back
+//   list.
 // - The queue's own thread (`handBackLoop`) hands played buffers to the refill callback, and
 //   pauses the device once a stop-after-play has run dry.
 // - The caller's thread: start, stop, reset, enqueue (also from the refill callback), time.
@@ -96,11 +97,15 @@ struct OutputQueue {
     // The queue's thread waits on it for played buffers, a run-dry stop or the end.
     std::condition_variable wake;
     BufferRing queued;
-    size_t headOffset = 0;  // bytes of queued.front() already played
+    size_t headOffset = 0;  // bytes of queued.front() already handed over
     BufferRing played;
-    uint64_t framesPlayed = 0;
+    // Frames copied into SDL's device buffer since the last start, and those of them that the
+    // device still holds: the last callback's. SDL asks again once it has played them, and an
+    // immediate stop lets it play them out. Played = handed over - held.
+    uint64_t framesHandedOver = 0;
+    uint64_t framesHeldByDevice = 0;
     bool running = false;
-    bool timed = false;  // started since the last reset or immediate stop
+    bool timed = false;  // started since the last reset
     bool stopWhenDrained = false;
     bool drained = false;
     bool quit = false;
@@ -152,6 +157,8 @@ void SDLCALL deviceCallback(void* userdata, Uint8* stream, int length) {
     bool notify = false;
     {
         std::lock_guard<std::mutex> guard(q->lock);
+        // Asked again: what SDL was handed last time has played.
+        q->framesHeldByDevice = 0;
         while (written < static_cast<size_t>(length) && q->queued.count > 0) {
             OutputBuffer* b = q->queued.front();
             const size_t n = std::min<size_t>(b->byteSize - q->headOffset, static_cast<size_t>(length) - written);
@@ -159,7 +166,8 @@ void SDLCALL deviceCallback(void* userdata, Uint8* stream, int length) {
                        q->floatSamples);
             written += n;
             q->headOffset += n;
-            q->framesPlayed += n / q->bytesPerFrame;
+            q->framesHandedOver += n / q->bytesPerFrame;
+            q->framesHeldByDevice += n / q->bytesPerFrame;
             if (q->headOffset >= b->byteSize) {
                 q->queued.pop();
                 q->headOffset = 0;
@@ -167,7 +175,8 @@ void SDLCALL deviceCallback(void* userdata, Uint8* stream, int length) {
                 notify = true;
             }
         }
-        if (q->queued.count == 0 && q->stopWhenDrained && !q->drained) {
+        // Run dry once nothing was left to hand over: everything queued has played.
+        if (written == 0 && q->queued.count == 0 && q->stopWhenDrained && !q->drained) {
             q->drained = true;
             notify = true;
         }
@@ -219,25 +228,26 @@ void handBackLoop(OutputQueue* q) {
     }
 }
 
-// Stops the device and forgets everything queued; waits for a refill in progress.
-void discardAll(OutputQueue* q, bool stop) {
+// Pauses the device and forgets everything queued; waits for a refill in progress. A stop keeps
+// the clock: no callback runs after the pause, and the device plays out what it holds, so the
+// output falls silent after the last frame handed over. A reset forgets the clock too.
+void discardAll(OutputQueue* q, bool keepClock) {
     std::lock_guard<std::mutex> control(q->controlLock);
-    if (stop) {
-        SDL_PauseAudioDevice(q->device, 1);
-    }
+    SDL_PauseAudioDevice(q->device, 1);
     std::lock_guard<std::mutex> refill(q->callbackLock);
     std::lock_guard<std::mutex> guard(q->lock);
     q->queued.clear();
     q->played.clear();
     q->headOffset = 0;
-    q->framesPlayed = 0;
-    q->timed = false;
+    q->framesHeldByDevice = 0;
+    if (!keepClock) {
+        q->framesHandedOver = 0;
+        q->timed = false;
+    }
     q->stopWhenDrained = false;
     q->drained = false;
     ++q->generation;
-    if (stop) {
-        q->running = false;
-    }
+    q->running = false;
 }
 
 } // namespace
@@ -382,7 +392,8 @@ Status queueStart(OutputQueue* q) noexcept {
     {
         std::lock_guard<std::mutex> guard(q->lock);
         if (!q->running) {
-            q->framesPlayed = 0;
+            q->framesHandedOver = 0;
+            q->framesHeldByDevice = 0;
         }
         q->running = true;
         q->timed = true;
@@ -418,7 +429,7 @@ Status queueReset(OutputQueue* q) noexcept {
     }
     // The device pauses too: a refill on the queue's thread must not run beside the priming
     // that follows a reset on the caller's thread. The next start resumes it.
-    discardAll(q, true);
+    discardAll(q, false);
     return 0;
 }
 
@@ -430,7 +441,7 @@ Status queueGetCurrentTime(OutputQueue* q, double* sampleTime) noexcept {
     if (!q->timed) {
         return kStatusNoTiming;
     }
-    *sampleTime = static_cast<double>(q->framesPlayed);
+    *sampleTime = static_cast<double>(q->framesHandedOver - q->framesHeldByDevice);
     return 0;
 }
 

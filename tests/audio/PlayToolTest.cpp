@@ -1,8 +1,9 @@
-// brisvale-play run as a program: a real file played to its end on the disk driver, and a bad
-// file refused with one line.
+// brisvale-play run as a program: a real file played to its end on the disk driver, bad files
+// and arguments refused with one line, and the usage on request.
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -59,6 +60,24 @@ TEST(PlayTool, RefusesBadFilesAndArgumentsWithOneLine) {
     r = run(std::string(BRISVALE_PLAY) + " --volume 2 '" + junk + "'");
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(std::count(r.output.begin(), r.output.end(), '\n'), 1) << r.output;
+
+    r = run(std::string(BRISVALE_PLAY) + " '" + junk + "' --volume");
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(r.output, "brisvale-play: --volume needs a value\n");
+
+    // A FIFO blocks whoever opens it for reading until a writer comes: refused at once (the
+    // timeout only ends a run that blocks).
+    const std::string fifo = dir.file("music.fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    r = run("timeout 5 " + std::string(BRISVALE_PLAY) + " '" + fifo + "'");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.output, "brisvale-play: " + fifo + ": not a regular file\n");
+}
+
+TEST(PlayTool, HelpPrintsTheUsage) {
+    const ToolRun r = run(std::string(BRISVALE_PLAY) + " --help");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.output, "usage: brisvale-play FILE [--eq g0,...,g9] [--volume V]\n");
 }
 
 } // namespace

@@ -4,11 +4,17 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 
+#include "app/App.h"
+#include "app/RenderViewLogic.h"
 #include "audio/audio.h"
 #include "audio/internal/song_internal.h"
 #include "audio/platform/Decoder.h"
@@ -28,26 +34,39 @@ struct FormatCase {
     int rate;
     int channels;
     bool lossless;
-    bool lengthKnown;
+    // The stream states the encoder's delay, so the decoded signal lines up with the source;
+    // raw streams (ADTS, MP3 without a Xing/LAME header) play the encoder's priming too.
+    bool delayStated = true;
+    std::map<std::string, std::string> muxerOptions = {};
+    bool streamed = false;  // no length in the container: it is counted
 };
 
 void PrintTo(const FormatCase& c, std::ostream* os) { *os << c.name; }
 
 const FormatCase kFormats[] = {
-    {"wav_stereo_44k", "wav", "pcm_s16le", "wav", 44100, 2, true, true},
-    {"wav_mono_32k", "wav", "pcm_s16le", "wav", 32000, 1, true, true},
-    {"aiff_51_48k", "aiff", "pcm_s16be", "aiff", 48000, 6, true, true},
-    {"flac_51_48k", "flac", "flac", "flac", 48000, 6, true, true},
-    {"flac_mono_44k", "flac", "flac", "flac", 44100, 1, true, true},
-    {"vorbis_stereo_44k", "ogg", "libvorbis", "ogg", 44100, 2, false, true},
-    {"opus_51_48k", "ogg", "libopus", "opus", 48000, 6, false, true},
-    {"opus_mono_48k", "ogg", "libopus", "opus", 48000, 1, false, true},
-    {"aac_m4a_stereo_44k", "ipod", "aac", "m4a", 44100, 2, false, true},
-    {"aac_m4a_51_48k", "ipod", "aac", "m4a", 48000, 6, false, true},
-    {"aac_m4a_mono_32k", "ipod", "aac", "m4a", 32000, 1, false, true},
-    {"mp3_stereo_44k", "mp3", "libmp3lame", "mp3", 44100, 2, false, true},
-    {"mp3_mono_32k", "mp3", "libmp3lame", "mp3", 32000, 1, false, true},
+    {"wav_stereo_44k", "wav", "pcm_s16le", "wav", 44100, 2, true},
+    {"wav_mono_32k", "wav", "pcm_s16le", "wav", 32000, 1, true},
+    {"aiff_51_48k", "aiff", "pcm_s16be", "aiff", 48000, 6, true},
+    {"flac_51_48k", "flac", "flac", "flac", 48000, 6, true},
+    {"flac_mono_44k", "flac", "flac", "flac", 44100, 1, true},
+    {"vorbis_stereo_44k", "ogg", "libvorbis", "ogg", 44100, 2, false},
+    {"opus_51_48k", "ogg", "libopus", "opus", 48000, 6, false},
+    {"opus_mono_48k", "ogg", "libopus", "opus", 48000, 1, false},
+    {"aac_m4a_stereo_44k", "ipod", "aac", "m4a", 44100, 2, false},
+    {"aac_m4a_51_48k", "ipod", "aac", "m4a", 48000, 6, false},
+    {"aac_m4a_mono_32k", "ipod", "aac", "m4a", 32000, 1, false},
+    {"mp3_stereo_44k", "mp3", "libmp3lame", "mp3", 44100, 2, false},
+    {"mp3_mono_32k", "mp3", "libmp3lame", "mp3", 32000, 1, false},
+    // Lengths that the container does not store.
     {"aac_adts_stereo_48k", "adts", "aac", "aac", 48000, 2, false, false},
+    {"mp3_no_xing_stereo_44k", "mp3", "libmp3lame", "mp3", 44100, 2, false, false, {{"write_xing", "0"}, {"write_id3v1", "1"}}},
+    {"mp3_no_xing_mono_24k", "mp3", "libmp3lame", "mp3", 24000, 1, false, false, {{"write_xing", "0"}}},
+    {"mp2_raw_stereo_48k", "mp2", "mp2", "mp2", 48000, 2, false, false},
+    {"ac3_raw_51_48k", "ac3", "ac3", "ac3", 48000, 6, false, false},
+    {"flac_streamed_stereo_44k", "flac", "flac", "flac", 44100, 2, true, true, {}, true},
+    {"wav_streamed_mono_32k", "wav", "pcm_s16le", "wav", 32000, 1, true, true, {}, true},
+    {"vorbis_mka_streamed_stereo_44k", "matroska", "libvorbis", "mka", 44100, 2, false, false, {}, true},
+    {"opus_webm_streamed_stereo_48k", "webm", "libopus", "webm", 48000, 2, false, true, {}, true},
 };
 
 constexpr double kSeconds = 0.6;
@@ -113,6 +132,8 @@ protected:
         request.encoder = c.encoder;
         request.sampleRate = c.rate;
         request.channels = c.channels;
+        request.muxerOptions = c.muxerOptions;
+        request.streamed = c.streamed;
         brisvale::test::encodeFile(path_, request, signal_);
     }
 
@@ -140,13 +161,11 @@ TEST_P(SongFormatTest, FileLoadDeliversFloatFramesOfTheFilesOwnShape) {
 
     const std::vector<float> decoded = decodeAll<float>(song);
     const auto decodedFrames = static_cast<int64_t>(decoded.size() / c.channels);
-    if (c.lengthKnown) {
-        EXPECT_EQ(decodedFrames, std::llround(song.duration_seconds * c.rate)) << "decoded frames equal the length";
+    EXPECT_EQ(decodedFrames, std::llround(song.duration_seconds * c.rate)) << "decoded frames equal the length";
+    if (c.delayStated) {
         // FFmpeg's Vorbis decoder never yields the first short block's 128 frames.
         EXPECT_NEAR(decodedFrames, frames_, c.lossless ? 0 : 128);
     } else {
-        EXPECT_EQ(song.duration_seconds, 0.0);
-        EXPECT_EQ(audio_song_duration(&song), 0.0);
         EXPECT_GE(decodedFrames, frames_);
     }
     if (c.lossless) {
@@ -154,7 +173,7 @@ TEST_P(SongFormatTest, FileLoadDeliversFloatFramesOfTheFilesOwnShape) {
         for (size_t i = 0; i < decoded.size(); ++i) {
             ASSERT_EQ(decoded[i], signal_[i] / 32768.0f) << "sample " << i;
         }
-    } else if (c.lengthKnown) {
+    } else if (c.delayStated) {
         // Priming and delay are gone: the decoded signal lines up with what was encoded.
         double err = 0;
         double sig = 0;
@@ -452,6 +471,25 @@ TEST(SongMemory, DestroyReleasesOnceAndIgnoresNull) {
     EXPECT_EQ(audio_song_duration(&song), 0.01);
 }
 
+// A FIFO blocks whoever opens it for reading until a writer comes, and a device may never end:
+// the path loaders refuse anything but a regular file, at once.
+TEST(SongFailures, APathThatIsNoRegularFileIsRefusedWithoutBlocking) {
+    TempDir dir;
+    const std::string fifo = dir.file("music.fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    alarm(10);  // a loader that blocks ends this binary instead of hanging it
+    audio_set_error_logging(true);
+    testing::internal::CaptureStderr();
+    audio_song song{};
+    EXPECT_EQ(audio_song_load(&song, fifo.c_str()), -1);
+    EXPECT_EQ(audio_song_probe(&song, fifo.c_str()), -1);
+    const std::string out = testing::internal::GetCapturedStderr();
+    audio_set_error_logging(false);
+    alarm(0);
+    const std::string line = "ExtAudioFileOpenURL failed: " + std::to_string(platform::kStatusNotRegularFile) + "\n";
+    EXPECT_EQ(out, line + line);
+}
+
 TEST(SongFailures, PathFailuresReturnMinusOneAndReportOnlyWithLoggingOn) {
     TempDir dir;
     const std::string missing = dir.file("missing.flac");
@@ -482,17 +520,26 @@ TEST(SongFailures, PathFailuresReturnMinusOneAndReportOnlyWithLoggingOn) {
     EXPECT_EQ(memOut.rfind("AudioFileOpenWithCallbacks failed: -", 0), 0u) << memOut;
 }
 
-TEST(SongLength, RawAdtsFromMemoryHasUnknownLengthButPlaysToItsEnd) {
+// A show ends 3.75 s after its music's length: music whose container stores no length, loaded
+// as the show loads it, keeps the show running to its end.
+TEST(SongLength, AShowWithMusicOfNoStoredLengthEndsAfterTheMusic) {
     TempDir dir;
-    const std::string path = dir.file("raw.aac");
-    brisvale::test::encodeFile(path, {"adts", "aac", 44100, 2, {}, {}}, brisvale::test::makeSignal(22050, 2, 44100));
-    const std::vector<uint8_t> bytes = brisvale::test::readFile(path);
-    audio_song song{};
-    ASSERT_EQ(audio_song_load_from_memory(&song, brisvale::test::mallocCopy(bytes), static_cast<int64_t>(bytes.size())), 0);
-    EXPECT_EQ(audio_song_duration(&song), 0.0);
-    const std::vector<int16_t> all = decodeAll<int16_t>(song);
-    EXPECT_GE(all.size() / 2, 22050u);
-    audio_song_destroy(&song);
+    const EncodeRequest requests[] = {{"mp3", "libmp3lame", 44100, 2, {}, {}, {{"write_xing", "0"}}},
+                                      {"adts", "aac", 44100, 2, {}, {}}};
+    for (const EncodeRequest& request : requests) {
+        SCOPED_TRACE(request.muxer);
+        const std::string path = dir.file("four-seconds");
+        brisvale::test::encodeFile(path, request, brisvale::test::makeSignal(4 * 44100, 2, 44100));
+        const std::vector<uint8_t> bytes = brisvale::test::readFile(path);
+        audio_song song{};
+        ASSERT_EQ(audio_song_load_from_memory(&song, brisvale::test::mallocCopy(bytes), static_cast<int64_t>(bytes.size())), 0);
+        const float end = brisvale::renderEndSecondsForAudio(static_cast<float>(audio_song_duration(&song)));
+        const float music = static_cast<float>(decodeAll<int16_t>(song).size() / 2) / 44100.0f;
+        EXPECT_GE(music, 4.0f);
+        EXPECT_FALSE(brisvale::showHasEnded(music + 3.7f, end)) << "end " << end;
+        EXPECT_TRUE(brisvale::showHasEnded(music + 3.751f, end)) << "end " << end;
+        audio_song_destroy(&song);
+    }
 }
 
 } // namespace

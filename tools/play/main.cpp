@@ -1,10 +1,11 @@
 // brisvale-play FILE [--eq g0,...,g9] [--volume V]
 // Prints the song's tags and duration, plays it through the audio library with a progress
 // line, and takes keys when stdin is a terminal: space pauses and resumes, left and right seek
-// 5 s, q quits. Exits 0 once the song has ended (or on q), 1 on a file it cannot play, 2 on
-// bad arguments.
+// 5 s, q quits. Exits 0 once the song has ended (or on q, or after --help), 1 on a file it
+// cannot play, 2 on bad arguments.
 
 #include <poll.h>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -95,10 +96,13 @@ Key readKey(int ms) {
 }
 
 // [ARGUMENTS]
+constexpr const char* kUsage = "usage: brisvale-play FILE [--eq g0,...,g9] [--volume V]\n";
+
 struct Options {
     std::string file;
     std::optional<std::vector<float>> eq;
     std::optional<float> volume;
+    bool help = false;
 };
 
 bool parseFloat(const std::string& text, float* out) {
@@ -116,7 +120,15 @@ std::optional<Options> parseArguments(int argc, char** argv) {
     Options o;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
-        if ((a == "--eq" || a == "--volume") && i + 1 < argc) {
+        if (a == "--help" || a == "-h") {
+            o.help = true;
+            return o;
+        }
+        if (a == "--eq" || a == "--volume") {
+            if (i + 1 >= argc) {
+                std::fprintf(stderr, "brisvale-play: %s needs a value\n", a.c_str());
+                return std::nullopt;
+            }
             const std::string value = argv[++i];
             if (a == "--volume") {
                 float v = 0;
@@ -159,7 +171,7 @@ std::optional<Options> parseArguments(int argc, char** argv) {
         }
     }
     if (o.file.empty()) {
-        std::fprintf(stderr, "usage: brisvale-play FILE [--eq g0,...,g9] [--volume V]\n");
+        std::fputs(kUsage, stderr);
         return std::nullopt;
     }
     return o;
@@ -214,11 +226,21 @@ int main(int argc, char** argv) {
     if (!options) {
         return 2;
     }
+    if (options->help) {
+        std::fputs(kUsage, stdout);
+        return 0;
+    }
     if (options->volume && (*options->volume < 0.0f || *options->volume > 1.0f)) {
         std::fprintf(stderr, "brisvale-play: --volume wants a number from 0 to 1\n");
         return 2;
     }
 
+    // A FIFO or a device could block the read or never end.
+    struct stat st {};
+    if (::stat(options->file.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
+        std::fprintf(stderr, "brisvale-play: %s: not a regular file\n", options->file.c_str());
+        return 1;
+    }
     SongHandle song;
     if (core::audio_song_load(&song.song, options->file.c_str()) != 0) {
         std::fprintf(stderr, "brisvale-play: %s: not a playable audio file\n", options->file.c_str());

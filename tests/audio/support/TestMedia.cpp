@@ -171,8 +171,21 @@ void encodeFile(const std::string& path, const EncodeRequest& request, const std
 
     if (!(out->oformat->flags & AVFMT_NOFILE)) {
         check(avio_open(&out->pb, path.c_str(), AVIO_FLAG_WRITE), "open output");
+        if (request.streamed) {
+            out->pb->seekable = 0;
+        }
     }
-    check(avformat_write_header(out.get(), nullptr), "write header");
+    AVDictionary* options = nullptr;
+    for (const auto& [key, value] : request.muxerOptions) {
+        av_dict_set(&options, key.c_str(), value.c_str(), 0);
+    }
+    const int written = avformat_write_header(out.get(), &options);
+    const bool unused = av_dict_count(options) > 0;
+    av_dict_free(&options);
+    check(written, "write header");
+    if (unused) {
+        throw std::runtime_error("the muxer does not know an option");
+    }
     if (picture != nullptr) {
         std::unique_ptr<AVPacket, PacketFree> pic(av_packet_alloc());
         check(av_new_packet(pic.get(), static_cast<int>(request.cover.size())), "picture packet");

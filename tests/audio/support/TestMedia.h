@@ -31,6 +31,8 @@ struct EncodeRequest {
     int channels = 2;
     std::map<std::string, std::string> tags;  // written as container metadata
     std::vector<uint8_t> cover;  // a PNG, written as the attached picture where the muxer can
+    std::map<std::string, std::string> muxerOptions = {};  // e.g. {"write_xing", "0"}
+    bool streamed = false;  // written as to a pipe: the muxer cannot go back to fill in lengths
 };
 
 // A deterministic signal of distinct tones per channel with a little noise; never all-zero in a
