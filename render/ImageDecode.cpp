@@ -120,6 +120,27 @@ bool pngDataChunksFit(const std::uint8_t* bytes, std::size_t size) {
     return true;
 }
 
+// stb_image 2.27 reads a PNM header's three numbers into an int with no overflow check, so a
+// long enough number wraps to any size at all. This reads them the way stb does: whitespace and
+// comment lines, then digits.
+bool pnmNumbersFit(const std::uint8_t* bytes, std::size_t size) {
+    if (size < 2 || bytes[0] != 'P' || (bytes[1] != '5' && bytes[1] != '6')) return true;
+    auto isSpace = [](std::uint8_t c) { return c == ' ' || (c >= '\t' && c <= '\r'); };
+    std::size_t at = 2;
+    for (int number = 0; number < 3; ++number) {
+        for (;;) {
+            while (at < size && isSpace(bytes[at])) ++at;
+            if (at >= size || bytes[at] != '#') break;
+            while (at < size && bytes[at] != '\n' && bytes[at] != '\r') ++at;
+        }
+        for (std::uint64_t value = 0; at < size && bytes[at] >= '0' && bytes[at] <= '9'; ++at) {
+            value = value * 10 + (bytes[at] - '0');
+            if (value > INT_MAX) return false;
+        }
+    }
+    return true;
+}
+
 // stb_image 2.27 converts a 16-bit PNM's channels as if its samples were 8-bit, then reads the
 // result as 16-bit samples, past the end of its buffer; such a file is loaded in its own
 // channels (narrowed to 8 bits by stb) and widened to RGBA here.
@@ -169,7 +190,7 @@ stbir_filter filterFor(int from, std::uint32_t to) {
 ImageSize readImageSize(const std::uint8_t* bytes, std::size_t size, const std::string& path) {
     int width = 0, height = 0, fileChannels = 0;
     if (bytes == nullptr || size == 0 || size > static_cast<std::size_t>(INT_MAX) ||
-        !jpegHuffmanTablesFit(bytes, size) ||
+        !jpegHuffmanTablesFit(bytes, size) || !pnmNumbersFit(bytes, size) ||
         !stbi_info_from_memory(bytes, static_cast<int>(size), &width, &height, &fileChannels) ||
         width <= 0 || height <= 0)
         throw std::runtime_error("Failed to load image: " + path);

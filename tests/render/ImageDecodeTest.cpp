@@ -336,6 +336,14 @@ TEST(ImageDecode, AJpegHuffmanTableWithMoreThan256CodesIsRefused) {
     EXPECT_EQ(errorOf(bad, "images/tables.jpg"), "Failed to load image: images/tables.jpg");
 }
 
+TEST(ImageDecode, APnmWidthBeyondTheDecodersIntegersIsRefused) {
+    // 2^32 + 1 pixels wide: the decoder's int wrapped round to a 1-pixel-wide image.
+    const std::string header = "P6 4294967297 1 255\n";
+    Bytes ppm(header.begin(), header.end());
+    for (std::uint8_t b : {10, 20, 30}) ppm.push_back(b);
+    EXPECT_EQ(errorOf(ppm, "images/wrap.ppm"), "Failed to load image: images/wrap.ppm");
+}
+
 TEST(ImageDecode, AbsurdSizesAreRefusedFromTheHeaderAlone) {
     // Each would cost its full decoded size (16384 x 16384: a gigabyte) from a file of a few bytes.
     EXPECT_EQ(errorOf(pngDeclaring(16384, 16384), "images/huge.png"),
