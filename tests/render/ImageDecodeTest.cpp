@@ -356,8 +356,6 @@ TEST(ImageDecode, AbsurdSizesAreRefusedFromTheHeaderAlone) {
     const ImageSize declared = readImageSize(pngDeclaring(8192, 3).data(), 33, "images/edge.png");
     EXPECT_EQ(declared.width, 8192u);
     EXPECT_EQ(declared.height, 3u);
-    const Rgba fromStrip = at(decode(solid(Format::Png, 8192, 1, {9, 80, 7, 255}), 2), 2, 1, 1);
-    EXPECT_EQ(fromStrip.g, 80);
 }
 
 TEST(ImageDecode, EdgeZeroGivesNoPixelsAndAHugeEdgeIsRefused) {
