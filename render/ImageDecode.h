@@ -7,11 +7,26 @@
 
 namespace brisvale {
 
-// Decodes an encoded image (PNG, JPEG, BMP, TGA, GIF's first frame, PSD, PNM; the format is
-// recognised from the bytes) and scales each axis independently to fill edge x edge pixels.
-// Returns edge * edge * 4 bytes of 8-bit RGBA, colour premultiplied by alpha, top row first.
-// `path` only names the image in error messages. Throws std::runtime_error:
+// The largest side an image file may declare. Decoding costs time and memory in proportion to
+// the declared size, however small the file, so bigger ones are refused before any decoding.
+inline constexpr std::uint32_t kMaxImageSide = 8192;
+
+struct ImageSize {
+    std::uint32_t width = 0;
+    std::uint32_t height = 0;
+};
+
+// The size an encoded image declares in its header (PNG, JPEG, BMP, TGA, GIF, PSD, PNM; no
+// other format is known, so no other decoder ever runs). Reads no pixels. `path` only names the
+// image in error messages. Throws std::runtime_error:
 //   "Failed to load image: " + path    when the bytes are not an image the decoder knows;
+//   "Image is larger than 8192 x 8192 pixels: " + path   when either side is above kMaxImageSide.
+ImageSize readImageSize(const std::uint8_t* bytes, std::size_t size, const std::string& path);
+
+// Decodes an encoded image (the formats above, GIF's first frame; the format is recognised
+// from the bytes) and scales each axis independently to fill edge x edge pixels.
+// Returns edge * edge * 4 bytes of 8-bit RGBA, colour premultiplied by alpha, top row first.
+// Throws readImageSize's errors, and
 //   "Failed to decode image: " + path  when the format is known but no pixels come out.
 std::vector<std::uint8_t> decodeImageToSquare(const std::uint8_t* bytes, std::size_t size,
                                               std::uint32_t edge, const std::string& path);

@@ -187,6 +187,13 @@ std::unique_ptr<Device> Device::create(const DeviceOptions& options) {
         return nullptr;
     }
     vkGetPhysicalDeviceMemoryProperties(self->physicalDevice_, &self->memory_);
+    VkPhysicalDeviceVulkan11Properties properties11{};
+    properties11.sType = VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_VULKAN_1_1_PROPERTIES;
+    VkPhysicalDeviceProperties2 properties2{};
+    properties2.sType = VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_PROPERTIES_2;
+    properties2.pNext = &properties11;
+    vkGetPhysicalDeviceProperties2(self->physicalDevice_, &properties2);
+    self->maxAllocationSize_ = properties11.maxMemoryAllocationSize;
 
     // -----------------------------------------------------------------------------------------
     // [SECTION] Logical device

@@ -49,6 +49,8 @@ public:
                                                 VkMemoryPropertyFlags preferred) const;
     bool isHostCoherent(std::uint32_t memoryType) const;
     VkDeviceSize nonCoherentAtomSize() const { return properties_.limits.nonCoherentAtomSize; }
+    // The largest single memory allocation the device promises to make.
+    VkDeviceSize maxAllocationSize() const { return maxAllocationSize_; }
 
     // The queue is shared by the renderer, the surfaces and one-shot work; these serialise it.
     VkResult submit(const VkSubmitInfo2& info, VkFence fence);
@@ -72,6 +74,7 @@ private:
     VkPhysicalDevice physicalDevice_ = VK_NULL_HANDLE;
     VkPhysicalDeviceProperties properties_{};
     VkPhysicalDeviceMemoryProperties memory_{};
+    VkDeviceSize maxAllocationSize_ = 0;
     VkDevice device_ = VK_NULL_HANDLE;
     std::uint32_t queueFamily_ = 0;
     VkQueue queue_ = VK_NULL_HANDLE;

@@ -8,29 +8,48 @@
 
 #include <cstring>
 #include <stdexcept>
+#include <string>
 
 namespace brisvale::gpu {
+namespace {
 
-OffscreenSurface::OffscreenSurface(Device& device, std::uint32_t width, std::uint32_t height)
-    : device_(device), width_(width == 0 ? 1 : width), height_(height == 0 ? 1 : height) {}
+TextureDescription drawableDescription(VkFormat format, std::uint32_t width, std::uint32_t height) {
+    TextureDescription description;
+    description.format = format;
+    description.width = width;
+    description.height = height;
+    description.usage = VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT | VK_IMAGE_USAGE_TRANSFER_SRC_BIT | VK_IMAGE_USAGE_SAMPLED_BIT;
+    return description;
+}
+
+} // namespace
+
+OffscreenSurface::OffscreenSurface(Device& device, std::uint32_t width, std::uint32_t height) : device_(device) {
+    applySize(width, height);
+}
 
 OffscreenSurface::~OffscreenSurface() = default;
 
-void OffscreenSurface::setDrawableSize(std::uint32_t width, std::uint32_t height) {
-    width_ = width == 0 ? 1 : width;
-    height_ = height == 0 ? 1 : height;
+void OffscreenSurface::setDrawableSize(std::uint32_t width, std::uint32_t height) { applySize(width, height); }
+
+// Refused here, where the size is chosen, rather than as a frame without a drawable later.
+void OffscreenSurface::applySize(std::uint32_t width, std::uint32_t height) {
+    width = width == 0 ? 1 : width;
+    height = height == 0 ? 1 : height;
+    const TextureLimits limits = textureLimits(device_, drawableDescription(kFormat, width, height));
+    if (width > limits.maxWidth || height > limits.maxHeight)
+        throw std::runtime_error("Drawable size " + std::to_string(width) + " x " + std::to_string(height) +
+                                 " is too large: the device allows at most " + std::to_string(limits.maxWidth) +
+                                 " x " + std::to_string(limits.maxHeight));
+    width_ = width;
+    height_ = height;
 }
 
 bool OffscreenSurface::nextDrawable(Drawable& drawable) {
     if (!available_) return false;
     auto& image = images_[next_];
     if (!image || image->width() != width_ || image->height() != height_) {
-        TextureDescription description;
-        description.format = kFormat;
-        description.width = width_;
-        description.height = height_;
-        description.usage = VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT | VK_IMAGE_USAGE_TRANSFER_SRC_BIT |
-                            VK_IMAGE_USAGE_SAMPLED_BIT;
+        const TextureDescription description = drawableDescription(kFormat, width_, height_);
         // The old image stays alive through the keep-alive of the frames that used it.
         std::shared_ptr<Texture> created = Texture::create(device_, description);
         if (!created) return false;

@@ -15,6 +15,7 @@ class Device;
 
 class OffscreenSurface : public Surface {
 public:
+    // Both throw std::runtime_error (one line) for a size the device cannot make an image of.
     OffscreenSurface(Device& device, std::uint32_t width, std::uint32_t height);
     ~OffscreenSurface() override;
 
@@ -41,10 +42,11 @@ public:
 private:
     static constexpr VkFormat kFormat = VK_FORMAT_B8G8R8A8_UNORM;  // as a window's swapchain
     static constexpr std::size_t kRing = 3;
+    void applySize(std::uint32_t width, std::uint32_t height);
 
     Device& device_;
-    std::uint32_t width_;
-    std::uint32_t height_;
+    std::uint32_t width_ = 1;
+    std::uint32_t height_ = 1;
     std::array<std::shared_ptr<Texture>, kRing> images_;
     std::size_t next_ = 0;
     std::shared_ptr<Texture> lastPresented_;

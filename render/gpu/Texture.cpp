@@ -2,14 +2,53 @@
 
 #include "render/gpu/Device.h"
 
+#include <algorithm>
+
 namespace brisvale::gpu {
+namespace {
+
+// Bytes per texel of the formats this layer makes; the widest common texel for any other, so
+// that a layer count derived from it never promises too much.
+VkDeviceSize texelBytes(VkFormat format) {
+    switch (format) {
+    case VK_FORMAT_R8G8B8A8_UNORM:
+    case VK_FORMAT_B8G8R8A8_UNORM:
+    case VK_FORMAT_D32_SFLOAT: return 4;
+    default: return 16;
+    }
+}
+
+} // namespace
 
 bool isDepthFormat(VkFormat format) {
     return format == VK_FORMAT_D32_SFLOAT || format == VK_FORMAT_D16_UNORM ||
            format == VK_FORMAT_D24_UNORM_S8_UINT || format == VK_FORMAT_D32_SFLOAT_S8_UINT;
 }
 
+TextureLimits textureLimits(const Device& device, const TextureDescription& description) {
+    VkImageFormatProperties format{};
+    if (vkGetPhysicalDeviceImageFormatProperties(device.physicalDevice(), description.format, VK_IMAGE_TYPE_2D,
+                                                 VK_IMAGE_TILING_OPTIMAL, description.usage, 0,
+                                                 &format) != VK_SUCCESS)
+        return {};
+    const VkPhysicalDeviceLimits& limits = device.properties().limits;
+    TextureLimits result;
+    result.maxWidth = std::min(format.maxExtent.width, limits.maxImageDimension2D);
+    result.maxHeight = std::min(format.maxExtent.height, limits.maxImageDimension2D);
+    const VkDeviceSize layerBytes =
+        VkDeviceSize(std::max(description.width, 1u)) * std::max(description.height, 1u) * texelBytes(description.format);
+    const VkDeviceSize byMemory = std::min(device.maxAllocationSize(), format.maxResourceSize) / layerBytes;
+    result.maxLayers = static_cast<std::uint32_t>(
+        std::min<VkDeviceSize>({format.maxArrayLayers, limits.maxImageArrayLayers, byMemory}));
+    return result;
+}
+
 std::unique_ptr<Texture> Texture::create(Device& device, const TextureDescription& description) {
+    const TextureLimits limits = textureLimits(device, description);
+    if (description.width == 0 || description.height == 0 || description.layers == 0 ||
+        description.width > limits.maxWidth || description.height > limits.maxHeight ||
+        description.layers > limits.maxLayers)
+        return nullptr;
     std::unique_ptr<Texture> self(new Texture(device));
     self->description_ = description;
     VkImageCreateInfo info{};
@@ -28,6 +67,7 @@ std::unique_ptr<Texture> Texture::create(Device& device, const TextureDescriptio
 
     VkMemoryRequirements requirements;
     vkGetImageMemoryRequirements(device.handle(), self->image_, &requirements);
+    if (requirements.size > device.maxAllocationSize()) return nullptr;
     const auto type = device.findMemoryType(requirements.memoryTypeBits, 0, VK_MEMORY_PROPERTY_DEVICE_LOCAL_BIT);
     if (!type) return nullptr;
     VkMemoryAllocateInfo allocateInfo{};

@@ -20,9 +20,21 @@ struct TextureDescription {
     VkImageUsageFlags usage = VK_IMAGE_USAGE_SAMPLED_BIT;
 };
 
+// The largest texture of a description's format and usage the device can make: its sides (the
+// format's own extent and the device's 2D limit) and, at the description's width and height, its
+// layers (the device's array limit and what fits one allocation). Zeros when the device cannot
+// make the format for that usage at all.
+struct TextureLimits {
+    std::uint32_t maxWidth = 0;
+    std::uint32_t maxHeight = 0;
+    std::uint32_t maxLayers = 0;
+};
+TextureLimits textureLimits(const Device& device, const TextureDescription& description);
+
 class Texture {
 public:
-    // nullptr when the image, its memory or its view cannot be made.
+    // nullptr when the description is beyond textureLimits (nothing then reaches the driver), or
+    // when the image, its memory or its view cannot be made.
     static std::unique_ptr<Texture> create(Device& device, const TextureDescription& description);
     ~Texture();
     Texture(const Texture&) = delete;

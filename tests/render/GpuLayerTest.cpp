@@ -1,5 +1,6 @@
 // The GPU layer on lavapipe: device creation and its validation messenger, buffers through
-// staging copies and readbacks, the completion thread's order, and the offscreen surface.
+// staging copies and readbacks, the completion thread's order, the offscreen surface, and
+// sizes beyond the device refused before the driver sees them.
 
 #include "RenderTestSupport.h"
 
@@ -160,6 +161,33 @@ TEST_F(GpuLayer, AnOffscreenSurfaceReadsBackRgbaTopRowFirst) {
     EXPECT_TRUE(near(pixelAt(rgba, 4, 1, 0), Pixel{255, 0, 0, 255}, 0));
     EXPECT_TRUE(near(pixelAt(rgba, 4, 2, 3), Pixel{0, 0, 255, 255}, 0));
     EXPECT_EQ(surface.presentedCount(), 1u);
+}
+
+TEST_F(GpuLayer, SizesBeyondTheDeviceNeverReachTheDriver) {
+    // lavapipe crashed inside vkCreateImage on a 65536 × 65536 target.
+    const std::uint32_t side = device_->properties().limits.maxImageDimension2D;
+    const std::string allowed = "the device allows at most " + std::to_string(side) + " x " + std::to_string(side);
+    EXPECT_EQ(errorOf([&] { gpu::OffscreenSurface huge(*device_, 65536, 65536); }),
+              "Drawable size 65536 x 65536 is too large: " + allowed);
+    gpu::OffscreenSurface surface(*device_, 8, 4);
+    EXPECT_EQ(errorOf([&] { surface.setDrawableSize(1, side + 1); }),
+              "Drawable size 1 x " + std::to_string(side + 1) + " is too large: " + allowed);
+    gpu::Drawable drawable;
+    ASSERT_TRUE(surface.nextDrawable(drawable));  // the refused size left the old one in place
+    EXPECT_EQ(drawable.texture->width(), 8u);
+
+    gpu::TextureDescription wide;
+    wide.width = side + 1;
+    EXPECT_EQ(gpu::Texture::create(*device_, wide), nullptr);
+    gpu::TextureDescription deep;
+    deep.layers = device_->properties().limits.maxImageArrayLayers + 1;
+    deep.array = true;
+    EXPECT_EQ(gpu::Texture::create(*device_, deep), nullptr);
+    gpu::TextureDescription heavy;  // within every side and layer limit, beyond one allocation
+    heavy.width = heavy.height = 8192;
+    heavy.layers = static_cast<std::uint32_t>(device_->maxAllocationSize() / (8192ull * 8192 * 4)) + 1;
+    heavy.array = true;
+    EXPECT_EQ(gpu::Texture::create(*device_, heavy), nullptr);
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 // decodeImageToSquare on real encoded files made here with stb_image_write (PNG, BMP, TGA,
-// JPEG) and small hand-written GIF and PNM files: premultiplied colour, row order, filling
-// the square, and the two failure messages.
+// JPEG) and small hand-written GIF, PNM and PSD files: premultiplied colour, row order, filling
+// the square, the failure messages, and what a stranger's file must not get out of the decoder
+// (formats a show has no use for, sizes that cost more than any show needs).
 #include <gtest/gtest.h>
 
 #include <stb/stb_image_write.h>
@@ -70,6 +71,17 @@ Bytes solid(Format format, int width, int height, Rgba colour) {
 Rgba at(const Bytes& square, std::uint32_t edge, std::uint32_t x, std::uint32_t y) {
     const std::size_t i = (static_cast<std::size_t>(y) * edge + x) * 4;
     return {square[i], square[i + 1], square[i + 2], square[i + 3]};
+}
+
+// A PNG that declares width x height in its header and holds no pixel data.
+Bytes pngDeclaring(std::uint32_t width, std::uint32_t height) {
+    Bytes png = solid(Format::Png, 1, 1, {0, 0, 0, 255});
+    png.resize(33); // 8-byte signature + the 25-byte IHDR chunk
+    for (int i = 0; i < 4; ++i) {
+        png[16 + i] = static_cast<std::uint8_t>(width >> (24 - 8 * i));
+        png[20 + i] = static_cast<std::uint8_t>(height >> (24 - 8 * i));
+    }
+    return png;
 }
 
 Bytes decode(const Bytes& file, std::uint32_t edge, const std::string& path = "images/test") {
@@ -224,7 +236,7 @@ TEST(ImageDecode, OutputIsEdgeSquaredTimesFour) {
 
 // --- Other formats, recognised from their content --------------------------------------
 
-TEST(ImageDecode, HandWrittenPnmAndGifAreRecognised) {
+TEST(ImageDecode, HandWrittenPnmGifAndPsdAreRecognised) {
     const std::string pnm = "P6\n2 1\n255\n";
     Bytes ppm(pnm.begin(), pnm.end());
     for (std::uint8_t b : {0, 0, 255, 0, 0, 255}) ppm.push_back(b); // two blue pixels
@@ -232,6 +244,25 @@ TEST(ImageDecode, HandWrittenPnmAndGifAreRecognised) {
     EXPECT_EQ(fromPnm.b, 255);
     EXPECT_EQ(fromPnm.r, 0);
     EXPECT_EQ(fromPnm.a, 255);
+
+    // 16-bit samples (big-endian), grey and colour: stb's own conversion of these read past
+    // the end of its buffer.
+    const std::string pgmHeader = "P5 3 1 65535\n";
+    Bytes pgm(pgmHeader.begin(), pgmHeader.end());
+    for (std::uint8_t b : {0x00, 0x00, 0x80, 0x80, 0xFF, 0xFF}) pgm.push_back(b);
+    const Bytes greys = decode(pgm, 3);
+    EXPECT_EQ(at(greys, 3, 0, 0).r, 0);
+    EXPECT_EQ(at(greys, 3, 1, 1).g, 128);
+    EXPECT_EQ(at(greys, 3, 2, 2).b, 255);
+    EXPECT_EQ(at(greys, 3, 1, 1).a, 255);
+    const std::string ppmHeader = "P6 1 1 65535\n";
+    Bytes ppm16(ppmHeader.begin(), ppmHeader.end());
+    for (std::uint8_t b : {0xFF, 0xFF, 0x00, 0x00, 0x80, 0x80}) ppm16.push_back(b);
+    const Rgba fromPpm16 = at(decode(ppm16, 2), 2, 1, 1);
+    EXPECT_EQ(fromPpm16.r, 255);
+    EXPECT_EQ(fromPpm16.g, 0);
+    EXPECT_EQ(fromPpm16.b, 128);
+    EXPECT_EQ(fromPpm16.a, 255);
 
     // A 1x1 GIF89a whose only pixel is palette entry 0, pure red.
     const Bytes gif = {'G',  'I', 'F',  '8',  '9', 'a', 1, 0, 1, 0,
@@ -243,6 +274,17 @@ TEST(ImageDecode, HandWrittenPnmAndGifAreRecognised) {
     EXPECT_EQ(fromGif.r, 255);
     EXPECT_EQ(fromGif.g, 0);
     EXPECT_EQ(fromGif.a, 255);
+
+    // A 1x1 RGB Photoshop file, raw planes, whose only pixel is pure green.
+    const Bytes psd = {'8', 'B', 'P', 'S', 0, 1, 0, 0, 0, 0, 0, 0, // signature, version, reserved
+                       0,   3,   0,   0,   0, 1, 0, 0, 0, 1,       // channels, height, width
+                       0,   8,   0,   3,                           // depth, RGB mode
+                       0,   0,   0,   0,   0, 0, 0, 0, 0, 0, 0, 0, // no mode data, resources, layers
+                       0,   0,   0,   255, 0};                     // raw; R, G, B planes
+    const Rgba fromPsd = at(decode(psd, 4), 4, 3, 0);
+    EXPECT_EQ(fromPsd.r, 0);
+    EXPECT_EQ(fromPsd.g, 255);
+    EXPECT_EQ(fromPsd.a, 255);
 }
 
 // --- Failures -------------------------------------------------------------------------
@@ -259,6 +301,61 @@ TEST(ImageDecode, KnownFormatWithoutPixelsFailsToDecode) {
     Bytes png = solid(Format::Png, 8, 8, {1, 2, 3, 255});
     png.resize(33); // 8-byte signature + the 25-byte IHDR chunk
     EXPECT_EQ(errorOf(png, "images/cut.png"), "Failed to decode image: images/cut.png");
+}
+
+TEST(ImageDecode, FormatsNoShowNeedsAreNotImages) {
+    // Softimage PIC, 1x1, one uncompressed RGB packet: a red pixel the decoder used to read.
+    Bytes pic = {0x53, 0x80, 0xF6, 0x34};
+    pic.resize(88, 0);
+    const Bytes header = {'P', 'I', 'C', 'T', 0, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, // 1x1, ratio...
+                          0,   8,   0,   0xE0, 255, 0, 0};                        // packet, pixel
+    pic.insert(pic.end(), header.begin(), header.end());
+    EXPECT_EQ(errorOf(pic, "images/old.pic"), "Failed to load image: images/old.pic");
+
+    // Radiance HDR whose run-length scanline ends at the end of the file: the HDR decoder read
+    // zero-length runs from it for ever.
+    const std::string hdr = "#?RADIANCE\nFORMAT=32-bit_rle_rgbe\n\n-Y 1 +X 8\n";
+    Bytes endless(hdr.begin(), hdr.end());
+    for (std::uint8_t b : {2, 2, 0, 8}) endless.push_back(b);
+    EXPECT_EQ(errorOf(endless, "images/sky.hdr"), "Failed to load image: images/sky.hdr");
+}
+
+TEST(ImageDecode, AJpegHuffmanTableWithMoreThan256CodesIsRefused) {
+    // A real JPEG with an extra table (DC, slot 3, unused by the image) declaring 300 codes:
+    // the decoder wrote them past the end of its 256-entry arrays and then decoded the image.
+    const Bytes jpeg = solid(Format::Jpeg, 8, 8, {0, 200, 0, 255});
+    ASSERT_NO_THROW(decode(jpeg, 2));
+    Bytes table = {0xFF, 0xC4, 0x01, 0x3F, 0x03}; // DHT, length 2 + 17 + 300, class 0 slot 3
+    table.resize(table.size() + 14, 0);
+    table.push_back(45);  // codes of 15 bits
+    table.push_back(255); // codes of 16 bits
+    table.resize(table.size() + 300, 7);
+    Bytes bad(jpeg.begin(), jpeg.begin() + 2); // start of image
+    bad.insert(bad.end(), table.begin(), table.end());
+    bad.insert(bad.end(), jpeg.begin() + 2, jpeg.end());
+    EXPECT_EQ(errorOf(bad, "images/tables.jpg"), "Failed to load image: images/tables.jpg");
+}
+
+TEST(ImageDecode, APnmWidthBeyondTheDecodersIntegersIsRefused) {
+    // 2^32 + 1 pixels wide: the decoder's int wrapped round to a 1-pixel-wide image.
+    const std::string header = "P6 4294967297 1 255\n";
+    Bytes ppm(header.begin(), header.end());
+    for (std::uint8_t b : {10, 20, 30}) ppm.push_back(b);
+    EXPECT_EQ(errorOf(ppm, "images/wrap.ppm"), "Failed to load image: images/wrap.ppm");
+}
+
+TEST(ImageDecode, AbsurdSizesAreRefusedFromTheHeaderAlone) {
+    // Each would cost its full decoded size (16384 x 16384: a gigabyte) from a file of a few bytes.
+    EXPECT_EQ(errorOf(pngDeclaring(16384, 16384), "images/huge.png"),
+              "Image is larger than 8192 x 8192 pixels: images/huge.png");
+    EXPECT_EQ(errorOf(pngDeclaring(8193, 1), "images/wide.png"),
+              "Image is larger than 8192 x 8192 pixels: images/wide.png");
+    EXPECT_EQ(errorOf(pngDeclaring(1, 8193), "images/tall.png"),
+              "Image is larger than 8192 x 8192 pixels: images/tall.png");
+
+    const ImageSize declared = readImageSize(pngDeclaring(8192, 3).data(), 33, "images/edge.png");
+    EXPECT_EQ(declared.width, 8192u);
+    EXPECT_EQ(declared.height, 3u);
 }
 
 TEST(ImageDecode, EdgeZeroGivesNoPixelsAndAHugeEdgeIsRefused) {

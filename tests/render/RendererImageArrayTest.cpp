@@ -1,5 +1,6 @@
 // The image texture array on lavapipe: one 1024 × 1024 layer per listed image, in list order,
-// premultiplied RGBA8, top row first, each axis scaled to fill the square.
+// premultiplied RGBA8, top row first, each axis scaled to fill the square; and the shows it
+// refuses before spending anything on them.
 
 #include "RenderTestSupport.h"
 
@@ -21,8 +22,22 @@ protected:
         files.images = std::move(images);
         return makeRenderer(*surface_, files);
     }
+    std::string constructionError(std::vector<std::vector<std::uint8_t>> images) {
+        return errorOf([&] { withImages(std::move(images)); });
+    }
     std::unique_ptr<gpu::OffscreenSurface> surface_;
 };
+
+// A PNG that declares width × height in its header and holds no pixel data.
+std::vector<std::uint8_t> pngDeclaring(std::uint32_t width, std::uint32_t height) {
+    std::vector<std::uint8_t> png = solidPng(1, 1, 0, 0, 0, 255);
+    png.resize(33);  // 8-byte signature + the 25-byte IHDR chunk
+    for (int i = 0; i < 4; ++i) {
+        png[16 + i] = static_cast<std::uint8_t>(width >> (24 - 8 * i));
+        png[20 + i] = static_cast<std::uint8_t>(height >> (24 - 8 * i));
+    }
+    return png;
+}
 
 // An image whose pixels come from f(x, y) -> {r, g, b, a}.
 template <class F> std::vector<std::uint8_t> patternPng(std::uint32_t width, std::uint32_t height, F f) {
@@ -110,6 +125,28 @@ TEST_F(RendererImageArray, TheShadersSeeTheImageCount) {
     finishFrames();
     // The marker quad's top band carries imageCount / 8 in blue.
     EXPECT_TRUE(near(pixelAt(surface_->readbackRGBA(), 16, 8, 0), expected(1.0f / 2048, 1.0f / 2048, 0.5f), 1));
+}
+
+TEST_F(RendererImageArray, MoreImagesThanTheDeviceHoldsAreRefusedSayingHowMany) {
+    const std::uint32_t count = device_->properties().limits.maxImageArrayLayers + 1;
+    const std::string error = constructionError(std::vector(count, solidPng(1, 1, 0, 0, 0, 255)));
+    const std::string prefix = "Failed to create image texture array: " + std::to_string(count) +
+                               " images, the device allows at most ";
+    ASSERT_EQ(error.substr(0, prefix.size()), prefix) << error;
+    const std::uint64_t allowed = std::stoull(error.substr(prefix.size()));
+    EXPECT_GE(allowed, 1u);
+    // The whole array is one allocation: lavapipe's limit on that is what stops it first.
+    EXPECT_LE(allowed * kEdge * kEdge * 4, device_->maxAllocationSize());
+}
+
+TEST_F(RendererImageArray, DecodingIsBudgetedAcrossTheWholeArrayFromTheHeaders) {
+    // Eight of the largest images a show may hold use the whole budget: the array is made and
+    // decoding starts (and fails on the first, which has no pixel data).
+    std::vector<std::vector<std::uint8_t>> images(8, pngDeclaring(8192, 8192));
+    EXPECT_EQ(constructionError(images), "Failed to decode image: images/0.png");
+    // A ninth is refused, by name, before any is decoded.
+    images.push_back(pngDeclaring(1, 1));
+    EXPECT_EQ(constructionError(images), "Images together are larger than 536870912 pixels: images/8.png");
 }
 
 } // namespace
