@@ -6,6 +6,7 @@ PREFIX     ?= /usr/local
 JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?=
 FUZZ_SECONDS      ?= 60
+FUZZ_KEEP_CORPUS  ?= ON
 TEST_FUZZ_SECONDS ?= 5
 
 export LSAN_OPTIONS  := suppressions=$(CURDIR)/tests/lsan.supp:print_suppressions=0
@@ -34,7 +35,7 @@ test: build
 	@cmake -S . -B $(ASAN_BUILD) -G Ninja -DBRISVALE_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug $(CMAKE_ARGS) >/dev/null
 	@cmake --build $(ASAN_BUILD) -j $(JOBS)
 	ctest --test-dir $(ASAN_BUILD) --output-on-failure -j $(JOBS) -L unit
-	@$(MAKE) --no-print-directory fuzz FUZZ_SECONDS=$(TEST_FUZZ_SECONDS)
+	@$(MAKE) --no-print-directory fuzz FUZZ_SECONDS=$(TEST_FUZZ_SECONDS) FUZZ_KEEP_CORPUS=OFF
 	scripts/check-deps $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)
 
 # The tests of the normal build only, for quick rounds while working.
@@ -44,10 +45,11 @@ test-fast: build
 bench: build
 	@scripts/run-benchmarks $(BUILD)
 
-# Every fuzz target for FUZZ_SECONDS each, from its seeds in tests/fuzz/corpus/.
+# Every fuzz target for FUZZ_SECONDS each, from its seeds in tests/fuzz/corpus/ and what its
+# earlier runs found.
 fuzz: deps
 	@CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -G Ninja -DBRISVALE_FUZZ=ON -DBRISVALE_WERROR=OFF \
-	  -DBRISVALE_FUZZ_SECONDS=$(FUZZ_SECONDS) $(CMAKE_ARGS) >/dev/null
+	  -DBRISVALE_FUZZ_SECONDS=$(FUZZ_SECONDS) -DBRISVALE_FUZZ_KEEP_CORPUS=$(FUZZ_KEEP_CORPUS) $(CMAKE_ARGS) >/dev/null
 	@cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzz_targets
 	ctest --test-dir $(FUZZ_BUILD) --output-on-failure -j $(JOBS) -L fuzz
 
