@@ -13,7 +13,7 @@ target_include_directories(brisvale_render_tools PUBLIC ${PROJECT_SOURCE_DIR})
 target_link_libraries(brisvale_render_tools
   PRIVATE glslang::glslang glslang::SPIRV glslang::glslang-default-resource-limits PkgConfig::STB
 )
-if(BRISVALE_SANITIZE)
+if(BRISVALE_SANITIZE OR BRISVALE_FUZZ)
   # Debian builds glslang without RTTI, so UBSan's vptr check has no type info to link against.
   set_source_files_properties(${CMAKE_CURRENT_LIST_DIR}/ShaderCompiler.cpp
     PROPERTIES COMPILE_OPTIONS -fno-sanitize=vptr)

@@ -2,9 +2,6 @@
 // text reader on every entry. Only std::runtime_error (the content messages) may come out;
 // anything else, a crash or a sanitizer report is a finding.
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <cstdint>
 #include <cstdlib>
 #include <stdexcept>
@@ -15,49 +12,14 @@
 #include "content/DemoArchive.h"
 #include "content/DemoManifest.h"
 #include "content/ShaderSource.h"
+#include "tests/fuzz/FuzzSupport.h"
 
-namespace {
-
-// load() reads a named file; an in-memory file keeps each run off the disk.
-struct MemoryFile {
-    int fd;
-    std::string path;
-};
-
-const MemoryFile& memoryFile() {
-    static const MemoryFile file = [] {
-        const int fd = memfd_create("fuzz_archive", 0);
-        if (fd < 0) {
-            std::abort();
-        }
-        return MemoryFile{fd, "/proc/self/fd/" + std::to_string(fd)};
-    }();
-    return file;
-}
-
-void writeMemoryFile(const std::uint8_t* data, std::size_t size) {
-    const int fd = memoryFile().fd;
-    if (ftruncate(fd, 0) != 0 ||
-        (size > 0 && pwrite(fd, data, size, 0) != static_cast<ssize_t>(size))) {
-        std::abort();
-    }
-}
-
-template <class F>
-void expectOnlyContentErrors(F&& f) {
-    try {
-        f();
-    } catch (const std::runtime_error&) {
-    }
-}
-
-} // namespace
+using brisvale::fuzz::expectOnlyRuntimeErrors;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    writeMemoryFile(data, size);
     std::shared_ptr<const brisvale::DemoArchive> archive;
     try {
-        archive = brisvale::DemoArchive::load(memoryFile().path);
+        archive = brisvale::DemoArchive::load(brisvale::fuzz::writeMemoryFile(data, size));
     } catch (const std::runtime_error&) {
         return 0;
     }
@@ -66,7 +28,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         if (!archive->contains(key)) {
             std::abort();
         }
-        expectOnlyContentErrors([&] {
+        expectOnlyRuntimeErrors([&] {
             const brisvale::ArchiveBytes first = archive->open(key);
             const brisvale::ArchiveBytes second = archive->open(key);
             if (first.data() != second.data() || first.size() != second.size() ||
@@ -74,12 +36,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                 std::abort();
             }
         });
-        expectOnlyContentErrors([&] { brisvale::loadImagePaths(*archive, key); });
-        expectOnlyContentErrors([&] {
+        expectOnlyRuntimeErrors([&] { brisvale::loadImagePaths(*archive, key); });
+        expectOnlyRuntimeErrors([&] {
             std::vector<std::string> stack;
             brisvale::loadMetalSourceWithIncludes(*archive, key, stack);
         });
-        expectOnlyContentErrors([&] { brisvale::loadDemoManifest(*archive, key); });
+        expectOnlyRuntimeErrors([&] { brisvale::loadDemoManifest(*archive, key); });
     }
     return 0;
 }

@@ -1,7 +1,7 @@
 // Fuzzes the renderer's image decoding with arbitrary file bytes, as the image array uses it:
 // the header check, then the decode and the scale to one layer. Only std::runtime_error (the
 // image messages) may come out; anything else, a crash, a hang, a large allocation or a
-// sanitizer report is a finding. Seeds: corpus/images/ (small files of each format the decoder
+// sanitizer report is a finding. Seeds: corpus/fuzz_image/ (small files of each format the decoder
 // knows, in their common variants).
 
 #include <cstdint>

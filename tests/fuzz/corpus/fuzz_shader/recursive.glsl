@@ -1,0 +1,3 @@
+#include "a.glsl"
+//>> a.glsl
+#include "main.glsl"
