@@ -2,6 +2,7 @@
 // one clear line with a non-zero exit on errors.
 
 #include "RenderTestSupport.h"
+#include "content/AtomicFile.h"
 
 #define STB_IMAGE_IMPLEMENTATION
 #include <stb/stb_image.h>
@@ -33,18 +34,22 @@ RunResult runCapture(const std::string& arguments) {
 
 class CaptureTool : public ::testing::Test {
 protected:
-    // `moreIni` is appended to the show manifest; later keys win.
-    std::string writeShow(const ShowFiles& files, const std::string& moreIni = "") {
+    // `moreIni` is appended to the show manifest (later keys win); `damageImage` breaks the
+    // image's gzip stream.
+    std::string writeShow(const ShowFiles& files, const std::string& moreIni = "", bool damageImage = false) {
         std::vector<ArchiveFile> entries;
         if (files.withShader) entries.push_back({"scene.glsl", toBytes(files.shader)});
         entries.push_back({"assets.txt", toBytes("image.0.path = a.png\n")});
-        entries.push_back({"a.png", solidPng(2, 2, 255, 255, 255, 255)});
         entries.push_back({"demo.ini", toBytes("demo.name = T\ndemo.timeline.shader = scene.glsl\n"
                                                "demo.timeline.assets = assets.txt\ndemo.timeline.audio = none.wav\n"
                                                "demo.output.width = 40\ndemo.output.height = 30\n"
                                                "demo.output.fps = 10\n" + moreIni)});
+        entries.push_back({"a.png", solidPng(2, 2, 255, 255, 255, 255)});
+        std::vector<std::uint8_t> bytes = writeArchive(entries, {2, damageImage ? ArchiveCompression::All
+                                                                              : ArchiveCompression::Auto});
+        if (damageImage) bytes[bytes.size() - 3] ^= 0x55;  // the size in the last gzip trailer
         const std::string path = dir_.file("show.dat");
-        writeArchiveFile(path, entries);
+        replaceFileAtomically(path, bytes);
         return path;
     }
     TempDir dir_;
@@ -106,6 +111,10 @@ TEST_F(CaptureTool, ContentErrorsNameTheShowAndTheFile) {
     archive = writeShow({}, "demo.output.fps = 1x\n");
     run = runCapture(archive + " --at 1 -o " + dir_.file("never"));
     EXPECT_EQ(run.output, "brisvale-capture: " + archive + ": demo.ini: Invalid numeric demo manifest value: demo.output.fps\n");
+
+    archive = writeShow({}, "", true);
+    run = runCapture(archive + " --at 1 -o " + dir_.file("never"));
+    EXPECT_EQ(run.output, "brisvale-capture: " + archive + ": a.png: Failed to decompress demo archive entry\n");
 }
 
 TEST_F(CaptureTool, WhatCannotBeCapturedIsAUsageErrorAndOutputsMustBeRegularFiles) {

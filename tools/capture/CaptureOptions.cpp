@@ -139,7 +139,7 @@ FramePlan::FramePlan(const CaptureOptions& options, std::uint32_t defaultFps) {
     // Show times are floats: past some size, consecutive frames would get the same time.
     const float largest = std::max(std::fabs(*options.from), std::fabs(*options.to));
     const double spacing = static_cast<double>(std::nextafter(largest, INFINITY)) - static_cast<double>(largest);
-    if (spacing > step_) {
+    if (*options.to > *options.from && spacing > step_) {
         char text[160];
         std::snprintf(text, sizeof text, "Show times near %g s are %g s apart, too coarse for %u frames per second",
                       static_cast<double>(largest), spacing, fps);

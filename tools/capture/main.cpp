@@ -67,10 +67,10 @@ auto readInShow(const std::string& archivePath, const std::string& where, Read&&
     }
 }
 
-// Reads what the renderer will read, in its order, so that a failure names its file: the
-// shader with its include chain, the asset manifest, each image. Opened files stay in the
-// archive's cache, where the renderer finds them again.
-void checkShowContent(const DemoArchive& archive, const DemoManifest& manifest, const std::string& archivePath) {
+// Reads the text files the renderer will read, in its order, so that a failure names its file:
+// the shader with its include chain, then the asset manifest. They stay in the archive's cache,
+// where the renderer finds them again.
+void checkShowText(const DemoArchive& archive, const DemoManifest& manifest, const std::string& archivePath) {
     std::vector<std::string> chain;
     try {
         loadMetalSourceWithIncludes(archive, manifest.shaderPath, chain);
@@ -79,12 +79,24 @@ void checkShowContent(const DemoArchive& archive, const DemoManifest& manifest, 
         for (const std::string& file : chain) where += (where.empty() ? "" : " -> ") + file;
         throw std::runtime_error(inShow(archivePath, where, error.what()));
     }
-    const std::vector<std::string> images = readInShow(archivePath, manifest.assetManifestPath, [&] {
-        return loadImagePaths(archive, manifest.assetManifestPath);
-    });
-    for (const std::string& image : images) {
-        readInShow(archivePath, image, [&] { return archive.open(image); });
+    readInShow(archivePath, manifest.assetManifestPath, [&] { return loadImagePaths(archive, manifest.assetManifestPath); });
+}
+
+// After the renderer failed with the archive's own message for damaged content, which image
+// it was: it opens them in the asset manifest's order, and those it opened sit in the cache,
+// so only the failing one is inflated again (in pieces, kept nowhere).
+std::string failingImage(const DemoArchive& archive, const DemoManifest& manifest, const std::string& message) {
+    if (message != "Failed to decompress demo archive entry" && message != "Failed to initialize demo archive decompressor") {
+        return "";
     }
+    for (const std::string& image : loadImagePaths(archive, manifest.assetManifestPath)) {
+        try {
+            archive.stream(image, [](ArchiveBytes) {});
+        } catch (const std::runtime_error&) {
+            return image;
+        }
+    }
+    return "";
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -178,7 +190,7 @@ int capture(const CaptureOptions& options) {
     const DemoManifest manifest = readInShow(showPath, "demo.ini", [&] { return loadDemoManifest(*archive, "demo.ini"); });
     const auto [width, height] = captureSize(options, manifest.defaultWidth, manifest.defaultHeight);
     const FramePlan frames(options, manifest.defaultFps);
-    checkShowContent(*archive, manifest, showPath);
+    checkShowText(*archive, manifest, showPath);
     const ShowTiming timing = timingFor(*archive, manifest, showPath);
 
     auto device = gpu::Device::create({});
@@ -186,8 +198,15 @@ int capture(const CaptureOptions& options) {
     if (device) surface = std::make_unique<gpu::OffscreenSurface>(*device, width, height);
     TaskQueue tasks;
     // A missing device reaches the renderer as null and fails with its own message.
-    Renderer renderer(device.get(), surface.get(), archive, manifest, tasks.poster());
-    renderer.resize({width, height});
+    std::unique_ptr<Renderer> renderer;
+    try {
+        renderer = std::make_unique<Renderer>(device.get(), surface.get(), archive, manifest, tasks.poster());
+    } catch (const std::runtime_error& error) {
+        const std::string image = failingImage(*archive, manifest, error.what());
+        if (image.empty()) throw;
+        throw std::runtime_error(inShow(showPath, image, error.what()));
+    }
+    renderer->resize({width, height});
     std::filesystem::create_directories(options.outputDirectory);
 
     // The pool can grow at most this often; a frame whose geometry did not fit is drawn again.
@@ -205,7 +224,7 @@ int capture(const CaptureOptions& options) {
             frame.renderEndSeconds = timing.renderEndSeconds;
             for (int attempt = 0; attempt < kMaxRedraws; ++attempt) {
                 const std::uint64_t before = surface->presentedCount();
-                renderer.draw(frame);
+                renderer->draw(frame);
                 if (surface->presentedCount() == before) throw std::runtime_error("No drawable for the frame");
                 device->waitIdle();
                 device->completions().drain();
