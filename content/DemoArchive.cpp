@@ -285,7 +285,8 @@ std::vector<std::uint8_t> DemoArchive::readCopy(std::string_view path) const {
     return std::vector<std::uint8_t>(content.begin(), content.end());
 }
 
-void DemoArchive::stream(std::string_view path, const std::function<void(ArchiveBytes)>& sink) const {
+void DemoArchive::stream(std::string_view path,
+                         const std::function<void(ArchiveBytes)>& sink) const {
     const std::string key = normalizeArchivePath(path);
     const auto found = entries_.find(key);
     if (found == entries_.end()) {

@@ -109,7 +109,8 @@ std::string printable(std::string_view name) {
         }
         for (std::size_t i = 0; i < std::max<std::size_t>(length, 1); ++i) {
             char escaped[5];
-            std::snprintf(escaped, sizeof escaped, "\\x%02X", static_cast<unsigned char>(name[at + i]));
+            std::snprintf(escaped, sizeof escaped, "\\x%02X",
+                          static_cast<unsigned char>(name[at + i]));
             out += escaped;
         }
         at += std::max<std::size_t>(length, 1);
@@ -166,7 +167,8 @@ std::vector<std::uint8_t> readRegularFile(const fs::path& path, const std::strin
         throw ToolError("cannot read " + shown(path) + ": not a regular file");
     }
     auto tooLarge = [&] {
-        return ToolError("cannot pack " + quoted(printable(name)) + ": files of 4 GiB or more cannot be stored");
+        return ToolError("cannot pack " + quoted(printable(name)) +
+                         ": files of 4 GiB or more cannot be stored");
     };
     if (static_cast<std::uint64_t>(status.st_size) >= kMaxPackedFile) {
         throw tooLarge();
@@ -424,21 +426,22 @@ int extract(const std::string& archivePath, const std::string& directory) {
         }
         const std::optional<std::uint64_t> size = DemoArchive::contentSize(entry);
         if (!size) {
-            throw ToolError(inArchive(archivePath, "declares " + std::to_string(entry.unpackedSize) +
-                                                       " bytes, more than it can hold",
-                                      printable(key)));
+            const std::string claim = "declares " + std::to_string(entry.unpackedSize) +
+                                      " bytes, more than it can hold";
+            throw ToolError(inArchive(archivePath, claim, printable(key)));
         }
-        bytes += *size; // each at most 4 GiB, so the sum cannot wrap
+        bytes += *size; // under 4 GiB each, and a 512 MiB directory holds too few to wrap
     }
     const fs::path root(directory);
     CreatedPaths created;
     makeRoot(root, created);
     struct statvfs space {};
-    if (::statvfs(root.c_str(), &space) == 0 &&
-        bytes > std::uint64_t{space.f_bavail} * space.f_frsize) {
-        throw ToolError("cannot extract " + archivePath + ": its files take " + std::to_string(bytes) +
-                        " bytes, " + directory + " has " +
-                        std::to_string(std::uint64_t{space.f_bavail} * space.f_frsize) + " free");
+    const bool known = ::statvfs(root.c_str(), &space) == 0;
+    const std::uint64_t free = std::uint64_t{space.f_bavail} * space.f_frsize;
+    if (known && bytes > free) {
+        throw ToolError("cannot extract " + archivePath + ": its files take " +
+                        std::to_string(bytes) + " bytes, " + directory + " has " +
+                        std::to_string(free) + " free");
     }
     for (const auto& [key, entry] : archive->entries()) {
         const fs::path relative(key);
