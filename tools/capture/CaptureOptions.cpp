@@ -141,7 +141,7 @@ FramePlan::FramePlan(const CaptureOptions& options, std::uint32_t defaultFps) {
     const double spacing = static_cast<double>(std::nextafter(largest, INFINITY)) - static_cast<double>(largest);
     if (*options.to > *options.from && spacing > step_) {
         char text[160];
-        std::snprintf(text, sizeof text, "Show times near %g s are %g s apart, too coarse for %u frames per second",
+        std::snprintf(text, sizeof text, "Show times near %g s are %g s apart, more than a frame at %u fps",
                       static_cast<double>(largest), spacing, fps);
         throw CaptureOptionError(text);
     }
