@@ -27,6 +27,10 @@ constexpr std::size_t kMaxExpandedBytes = std::size_t{16} << 20;
 
 // The line end starting at `pos`, if one does: its length in bytes, else 0.
 std::size_t lineEndLength(std::string_view text, std::size_t pos) {
+    const char first = text[pos];
+    if (first != '\n' && first != '\r' && first != '\xC2' && first != '\xE2') {
+        return 0; // the common case, cheap: no line end starts with any other byte
+    }
     const std::string_view rest = text.substr(pos);
     if (rest.starts_with("\r\n")) {
         return 2;
