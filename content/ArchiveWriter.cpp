@@ -1,18 +1,16 @@
-// Writes demo containers: deterministic gzip, the version 1 and 2 layouts, and an atomic
-// replacement of the file on disk. Used by the packer, the tests and the content build.
+// Writes demo containers: deterministic gzip, the version 1 and 2 layouts, and the file on disk
+// (through replaceFileAtomically). Used by the packer, the tests and the content build.
 
 #include "content/ArchiveWriter.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <zlib.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <limits>
 #include <stdexcept>
+
+#include "content/AtomicFile.h"
+#include "content/DemoArchive.h"
 
 namespace brisvale {
 namespace {
@@ -30,65 +28,6 @@ void appendU64(std::vector<std::uint8_t>& out, std::uint64_t value) {
         out.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
     }
 }
-
-// Closes a descriptor and removes the temporary file unless it was renamed into place.
-class TempFile {
-public:
-    explicit TempFile(const std::string& target) : path_(target + ".tmp-XXXXXX") {
-        fd_ = mkstemp(path_.data());
-        if (fd_ < 0) {
-            throw std::runtime_error("Failed to create " + path_ + ": " + std::strerror(errno));
-        }
-    }
-    TempFile(const TempFile&) = delete;
-    TempFile& operator=(const TempFile&) = delete;
-    ~TempFile() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-        if (!committed_) {
-            ::unlink(path_.c_str());
-        }
-    }
-
-    void write(std::span<const std::uint8_t> bytes) {
-        while (!bytes.empty()) {
-            const ssize_t written = ::write(fd_, bytes.data(), bytes.size());
-            if (written < 0 && errno == EINTR) {
-                continue;
-            }
-            if (written <= 0) {
-                fail("Failed to write");
-            }
-            bytes = bytes.subspan(static_cast<std::size_t>(written));
-        }
-    }
-
-    void commit(const std::string& target) {
-        // mkstemp creates the file 0600; a container is an ordinary readable file.
-        if (::fchmod(fd_, 0644) != 0 || ::fsync(fd_) != 0) {
-            fail("Failed to write");
-        }
-        const int fd = fd_;
-        fd_ = -1;
-        if (::close(fd) != 0) {
-            fail("Failed to write");
-        }
-        if (::rename(path_.c_str(), target.c_str()) != 0) {
-            throw std::runtime_error("Failed to write " + target + ": " + std::strerror(errno));
-        }
-        committed_ = true;
-    }
-
-private:
-    [[noreturn]] void fail(const char* what) const {
-        throw std::runtime_error(std::string(what) + " " + path_ + ": " + std::strerror(errno));
-    }
-
-    std::string path_;
-    int fd_ = -1;
-    bool committed_ = false;
-};
 
 } // namespace
 
@@ -176,6 +115,10 @@ std::vector<std::uint8_t> writeArchive(const std::vector<ArchiveFile>& files,
     for (const Record& record : records) {
         totalSize += record.storedSize;
     }
+    if (totalSize > DemoArchive::kMaxFileSize) {
+        throw std::runtime_error("Archive of " + std::to_string(totalSize) +
+                                 " bytes is larger than the 512 MiB a demo archive may hold");
+    }
     std::vector<std::uint8_t> out;
     out.reserve(static_cast<std::size_t>(totalSize));
     for (char c : {'B', 'D', 'A', 'T'}) {
@@ -206,10 +149,7 @@ std::vector<std::uint8_t> writeArchive(const std::vector<ArchiveFile>& files,
 
 void writeArchiveFile(const std::string& filePath, const std::vector<ArchiveFile>& files,
                       const ArchiveWriteOptions& options) {
-    const std::vector<std::uint8_t> bytes = writeArchive(files, options);
-    TempFile temp(filePath);
-    temp.write(bytes);
-    temp.commit(filePath);
+    replaceFileAtomically(filePath, writeArchive(files, options));
 }
 
 } // namespace brisvale

@@ -29,13 +29,13 @@ struct ArchiveWriteOptions {
 std::vector<std::uint8_t> gzipDeterministic(std::span<const std::uint8_t> content);
 
 // The container bytes for `files`, records and data in the order given: header, directory,
-// then each file's data. Throws std::runtime_error for an empty path, an unknown version or
-// compression with version 1.
+// then each file's data. Throws std::runtime_error for an empty path, an unknown version,
+// compression with version 1, or a container larger than DemoArchive::load accepts.
 std::vector<std::uint8_t> writeArchive(const std::vector<ArchiveFile>& files,
                                        const ArchiveWriteOptions& options = {});
 
-// Writes writeArchive's bytes to `filePath` through a temporary file in the same directory
-// that is renamed into place, so `filePath` is either the old file or the whole new one.
+// Writes writeArchive's bytes to `filePath` with replaceFileAtomically: either the old file
+// stays or the whole new one is there; a link's target is written, a FIFO or device refused.
 void writeArchiveFile(const std::string& filePath, const std::vector<ArchiveFile>& files,
                       const ArchiveWriteOptions& options = {});
 

@@ -5,11 +5,13 @@
 
 #include "content/DemoArchive.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <zlib.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
+#include <cerrno>
 #include <limits>
 #include <new>
 #include <stdexcept>
@@ -23,6 +25,7 @@ namespace {
 constexpr const char* kOpenFailed = "Failed to open demo archive: ";
 constexpr const char* kSizeFailed = "Failed to read demo archive size: ";
 constexpr const char* kReadFailed = "Failed to read demo archive: ";
+constexpr const char* kTooLarge = "Demo archive larger than 512 MiB: ";
 constexpr const char* kInvalid = "Invalid demo archive: ";
 constexpr const char* kUnsupportedVersion = "Unsupported demo archive version";
 constexpr const char* kCorrupt = "Corrupt demo archive";
@@ -69,14 +72,45 @@ constexpr std::uint64_t kMaxDeflateRatio = 1032;
 constexpr std::uint64_t kInflateSlack = 4096;
 
 // Files of 4 GiB or more, stored or unpacked, are refused with the decompression error: zlib
-// counts in 32 bits and the content is inflated in one call. An `unpackedSize` of 0 opens as
-// an empty file when its stream is a valid gzip stream of empty content, like any other size
-// that matches; inflate gets a one-byte scratch output so that it never sees a null pointer.
+// counts in 32 bits and the content is inflated in one call.
+bool inflatable(std::uint64_t sourceSize, std::uint64_t expectedSize) {
+    constexpr std::uint64_t kMaxCount = std::numeric_limits<uInt>::max();
+    return sourceSize <= kMaxCount && expectedSize <= kMaxCount &&
+           expectedSize <= sourceSize * kMaxDeflateRatio + kInflateSlack;
+}
+
+// A gzip-only inflater (window bits 15 + 16) over one stored range, ended on every way out.
+class GzipStream {
+public:
+    GzipStream(const std::uint8_t* source, std::uint64_t sourceSize) {
+        stream_.next_in = const_cast<Bytef*>(source); // zlib is not const-correct; never written
+        stream_.avail_in = static_cast<uInt>(sourceSize);
+        if (inflateInit2(&stream_, 15 + 16) != Z_OK) {
+            throw std::runtime_error(kInflateInitFailed);
+        }
+    }
+    GzipStream(const GzipStream&) = delete;
+    GzipStream& operator=(const GzipStream&) = delete;
+    ~GzipStream() { inflateEnd(&stream_); }
+
+    // Inflates into `output` (at most 4 GiB - 1 bytes); returns inflate's result.
+    int inflateInto(std::uint8_t* output, std::size_t size, int flush) {
+        stream_.next_out = output;
+        stream_.avail_out = static_cast<uInt>(size);
+        return inflate(&stream_, flush);
+    }
+    std::uint64_t totalOut() const { return stream_.total_out; }
+
+private:
+    z_stream stream_{};
+};
+
+// An `unpackedSize` of 0 opens as an empty file when its stream is a valid gzip stream of empty
+// content, like any other size that matches; inflate gets a one-byte scratch output so that it
+// never sees a null pointer.
 std::vector<std::uint8_t> inflateGzip(const std::uint8_t* source, std::uint64_t sourceSize,
                                       std::uint64_t expectedSize) {
-    constexpr std::uint64_t kMaxCount = std::numeric_limits<uInt>::max();
-    if (sourceSize > kMaxCount || expectedSize > kMaxCount ||
-        expectedSize > sourceSize * kMaxDeflateRatio + kInflateSlack) {
+    if (!inflatable(sourceSize, expectedSize)) {
         throw std::runtime_error(kInflateFailed);
     }
     std::vector<std::uint8_t> output;
@@ -86,52 +120,98 @@ std::vector<std::uint8_t> inflateGzip(const std::uint8_t* source, std::uint64_t 
         throw std::runtime_error(kInflateFailed);
     }
     std::uint8_t scratch = 0;
-
-    z_stream stream{};
-    stream.next_in = const_cast<Bytef*>(source); // zlib's API is not const-correct; never written
-    stream.avail_in = static_cast<uInt>(sourceSize);
-    stream.next_out = output.empty() ? &scratch : output.data();
-    stream.avail_out = static_cast<uInt>(expectedSize);
-    if (inflateInit2(&stream, 15 + 16) != Z_OK) {
-        throw std::runtime_error(kInflateInitFailed);
-    }
-    const int result = inflate(&stream, Z_FINISH);
-    inflateEnd(&stream);
-    if (result != Z_STREAM_END || stream.total_out != expectedSize) {
+    GzipStream stream(source, sourceSize);
+    const int result = stream.inflateInto(output.empty() ? &scratch : output.data(),
+                                          output.size(), Z_FINISH);
+    if (result != Z_STREAM_END || stream.totalOut() != expectedSize) {
         throw std::runtime_error(kInflateFailed);
     }
     return output;
 }
+
+// The same stream inflated a piece at a time. Each piece gets room for one byte more than is
+// still expected, so content longer than `expectedSize` shows up instead of being cut off.
+void inflateGzipInPieces(const std::uint8_t* source, std::uint64_t sourceSize,
+                         std::uint64_t expectedSize,
+                         const std::function<void(ArchiveBytes)>& sink) {
+    if (!inflatable(sourceSize, expectedSize)) {
+        throw std::runtime_error(kInflateFailed);
+    }
+    constexpr std::uint64_t kPiece = 256 * 1024;
+    std::vector<std::uint8_t> piece(kPiece);
+    GzipStream stream(source, sourceSize);
+    int result = Z_OK;
+    while (result == Z_OK) {
+        const std::uint64_t room = std::min(kPiece, expectedSize - stream.totalOut() + 1);
+        const std::uint64_t before = stream.totalOut();
+        result = stream.inflateInto(piece.data(), static_cast<std::size_t>(room), Z_NO_FLUSH);
+        if (stream.totalOut() > expectedSize) {
+            break;
+        }
+        if (stream.totalOut() > before) {
+            sink(ArchiveBytes(piece.data(), static_cast<std::size_t>(stream.totalOut() - before)));
+        }
+    }
+    if (result != Z_STREAM_END || stream.totalOut() != expectedSize) {
+        throw std::runtime_error(kInflateFailed);
+    }
+}
+
+// Reads the whole descriptor into `bytes`, which has the file's size; false on a read error
+// or a file that shrank meanwhile.
+bool readAll(int fd, std::vector<std::uint8_t>& bytes) {
+    std::size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t n = ::read(fd, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+// Closes a descriptor on every way out of `load`.
+struct FileDescriptor {
+    int fd;
+    ~FileDescriptor() {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+};
 
 } // namespace
 
 // [loading] --------------------------------------------------------------------------------
 
 std::shared_ptr<DemoArchive> DemoArchive::load(const std::string& filePath) {
-    // A directory opens for reading on Linux and then reports an absurd size; it is no file.
-    std::error_code ignored;
-    std::ifstream file(filePath, std::ios::binary);
-    if (!file.is_open() || std::filesystem::is_directory(filePath, ignored)) {
+    // O_NONBLOCK keeps a FIFO from waiting for a writer; anything but a regular file (a FIFO,
+    // a device, a directory) is refused before a byte is read.
+    const FileDescriptor file{::open(filePath.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)};
+    struct stat status {};
+    if (file.fd < 0 || ::fstat(file.fd, &status) != 0 || !S_ISREG(status.st_mode)) {
         throw std::runtime_error(kOpenFailed + filePath);
     }
-    file.seekg(0, std::ios::end);
-    const std::streamoff end = file.tellg();
-    if (end < 0) {
+    if (status.st_size < 0) {
         throw std::runtime_error(kSizeFailed + filePath);
     }
-    file.seekg(0, std::ios::beg);
+    const std::uint64_t size = static_cast<std::uint64_t>(status.st_size);
+    if (size > kMaxFileSize) {
+        throw std::runtime_error(kTooLarge + filePath);
+    }
 
     auto archive = std::make_shared<DemoArchive>();
     try {
-        archive->bytes_.resize(static_cast<std::size_t>(end));
-    } catch (const std::exception&) { // bad_alloc, or length_error past max_size
+        archive->bytes_.resize(static_cast<std::size_t>(size));
+    } catch (const std::bad_alloc&) {
         throw std::runtime_error(kReadFailed + filePath);
     }
-    if (!archive->bytes_.empty()) {
-        file.read(reinterpret_cast<char*>(archive->bytes_.data()), end);
-        if (!file) {
-            throw std::runtime_error(kReadFailed + filePath);
-        }
+    if (!readAll(file.fd, archive->bytes_)) {
+        throw std::runtime_error(kReadFailed + filePath);
     }
 
     const std::span<const std::uint8_t> bytes = archive->bytes_;
@@ -203,6 +283,34 @@ std::string DemoArchive::readText(std::string_view path) const {
 std::vector<std::uint8_t> DemoArchive::readCopy(std::string_view path) const {
     const ArchiveBytes content = open(path);
     return std::vector<std::uint8_t>(content.begin(), content.end());
+}
+
+void DemoArchive::stream(std::string_view path,
+                         const std::function<void(ArchiveBytes)>& sink) const {
+    const std::string key = normalizeArchivePath(path);
+    const auto found = entries_.find(key);
+    if (found == entries_.end()) {
+        throw std::runtime_error(kMissingFile + key);
+    }
+    const Entry& entry = found->second;
+    const std::uint8_t* stored = bytes_.data() + entry.offset;
+    if ((entry.flags & kGzipFlag) == 0) {
+        sink(ArchiveBytes(stored, static_cast<std::size_t>(entry.storedSize)));
+    } else if (const auto cached = inflatedCache_.find(key); cached != inflatedCache_.end()) {
+        sink(cached->second);
+    } else {
+        inflateGzipInPieces(stored, entry.storedSize, entry.unpackedSize, sink);
+    }
+}
+
+std::optional<std::uint64_t> DemoArchive::contentSize(const Entry& entry) {
+    if ((entry.flags & kGzipFlag) == 0) {
+        return entry.storedSize;
+    }
+    if (!inflatable(entry.storedSize, entry.unpackedSize)) {
+        return std::nullopt;
+    }
+    return entry.unpackedSize;
 }
 
 } // namespace brisvale

@@ -4,6 +4,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -30,6 +31,9 @@ public:
 
     // Flag bit 0 of a record: the stored bytes are a gzip stream.
     static constexpr std::uint32_t kGzipFlag = 1u;
+    // The largest container `load` accepts: the whole file is held in memory, and a show's
+    // music, images and shaders come nowhere near it.
+    static constexpr std::uint64_t kMaxFileSize = std::uint64_t{512} << 20;
 
     // An empty archive; `load` is the only way to a populated one.
     DemoArchive() = default;
@@ -38,7 +42,8 @@ public:
     DemoArchive& operator=(const DemoArchive&) = delete;
 
     // Reads the container at `filePath` with one read and checks its header and directory.
-    // Compressed data is not examined until a file is opened.
+    // Only a regular file of at most kMaxFileSize bytes is read. Compressed data is not
+    // examined until a file is opened.
     static std::shared_ptr<DemoArchive> load(const std::string& filePath);
 
     // Whether a file with the normalised form of `path` exists. Never inflates, never fails.
@@ -50,6 +55,15 @@ public:
     std::string readText(std::string_view path) const;
     // The content of open(path) as a new byte vector.
     std::vector<std::uint8_t> readCopy(std::string_view path) const;
+    // Hands the file's content to `sink` piece by piece and keeps none of it: a stored file as
+    // one view, a gzip file inflated a piece at a time, with the checks and messages of `open`.
+    // For tools that copy files out; the pieces are valid only during the call to `sink`.
+    void stream(std::string_view path, const std::function<void(ArchiveBytes)>& sink) const;
+
+    // The size `entry`'s content will have: the stored size, or for a gzip file its declared
+    // size unless inflating would refuse it outright (4 GiB or more, or beyond what deflate can
+    // expand the stored bytes to). The directory checks at load cover stored sizes only.
+    static std::optional<std::uint64_t> contentSize(const Entry& entry);
 
     // Every file, by normalised path in byte order (for listing and unpacking tools).
     const std::map<std::string, Entry, std::less<>>& entries() const { return entries_; }

@@ -1,5 +1,5 @@
 // Expands the include lines of shader source text from the archive: purely textual, line by
-// line, with no include-once logic; only recursion is refused.
+// line, with no include-once logic; recursion is refused, and depth, count and size bounded.
 
 #include "content/ShaderSource.h"
 
@@ -14,10 +14,23 @@ namespace {
 
 constexpr const char* kRecursive = "Recursive Metal include detected";
 constexpr const char* kDecodeFailed = "Failed to decode Metal shader source: ";
+constexpr const char* kTooDeep = "Metal includes nested more than 64 deep";
+constexpr const char* kTooManyIncludes = "More than 4096 Metal includes in one source";
+constexpr const char* kTooLarge = "Expanded Metal shader source larger than 16 MiB";
 constexpr std::string_view kIncludeOpening = "#include \"";
+
+// Limits that keep a hostile show from expanding includes forever: a file that includes the
+// next one twice, 26 files deep, would expand to 2^26 copies of the last.
+constexpr std::size_t kMaxIncludeDepth = 64; // files in the chain, the entry file included
+constexpr std::size_t kMaxIncludes = 4096;
+constexpr std::size_t kMaxExpandedBytes = std::size_t{16} << 20;
 
 // The line end starting at `pos`, if one does: its length in bytes, else 0.
 std::size_t lineEndLength(std::string_view text, std::size_t pos) {
+    const char first = text[pos];
+    if (first != '\n' && first != '\r' && first != '\xC2' && first != '\xE2') {
+        return 0; // the common case, cheap: no line end starts with any other byte
+    }
     const std::string_view rest = text.substr(pos);
     if (rest.starts_with("\r\n")) {
         return 2;
@@ -47,16 +60,25 @@ bool includeName(std::string_view line, std::string_view& name) {
     return true;
 }
 
-} // namespace
-
-std::string loadMetalSourceWithIncludes(const DemoArchive& archive, std::string_view path,
-                                        std::vector<std::string>& includeStack) {
+// Expands `path` into `output`, shared by the whole expansion so that one buffer holds the
+// result and its size limit counts every file.
+void expandInto(const DemoArchive& archive, std::string_view path,
+                std::vector<std::string>& includeStack, std::string& output,
+                std::size_t& includesLeft) {
     const std::string canonical = normalizeArchivePath(path);
-    if (std::find(includeStack.begin(), includeStack.end(), canonical) != includeStack.end()) {
+    const bool recursive =
+        std::find(includeStack.begin(), includeStack.end(), canonical) != includeStack.end();
+    // Pushed first, so that on any failure the stack ends with the file that failed.
+    includeStack.push_back(canonical);
+    if (recursive) {
         throw std::runtime_error(kRecursive);
     }
-    const std::string bytes = archive.readText(canonical);
-    std::string_view text = utf8::beforeNul(bytes);
+    if (includeStack.size() > kMaxIncludeDepth) {
+        throw std::runtime_error(kTooDeep);
+    }
+    const ArchiveBytes bytes = archive.open(canonical);
+    std::string_view text =
+        utf8::beforeNul({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
     if (!utf8::isValid(text)) {
         throw std::runtime_error(kDecodeFailed + canonical);
     }
@@ -64,9 +86,6 @@ std::string loadMetalSourceWithIncludes(const DemoArchive& archive, std::string_
     // reject it, and an include on the first line would not be recognised behind it.
     text = utf8::withoutByteOrderMark(text);
 
-    includeStack.push_back(canonical);
-    std::string output;
-    output.reserve(text.size());
     std::size_t lineStart = 0;
     while (lineStart < text.size()) {
         std::size_t lineEnd = lineStart;
@@ -79,15 +98,30 @@ std::string loadMetalSourceWithIncludes(const DemoArchive& archive, std::string_
         const std::string_view line = text.substr(lineStart, lineEnd - lineStart);
         std::string_view name;
         if (includeName(line, name)) {
-            output += loadMetalSourceWithIncludes(archive, joinArchivePath(canonical, name),
-                                                  includeStack);
+            if (includesLeft-- == 0) {
+                throw std::runtime_error(kTooManyIncludes);
+            }
+            expandInto(archive, joinArchivePath(canonical, name), includeStack, output,
+                       includesLeft);
         } else {
             output += line;
         }
         output += '\n';
+        if (output.size() > kMaxExpandedBytes) {
+            throw std::runtime_error(kTooLarge);
+        }
         lineStart = lineEnd + endLength;
     }
     includeStack.pop_back();
+}
+
+} // namespace
+
+std::string loadMetalSourceWithIncludes(const DemoArchive& archive, std::string_view path,
+                                        std::vector<std::string>& includeStack) {
+    std::string output;
+    std::size_t includesLeft = kMaxIncludes;
+    expandInto(archive, path, includeStack, output, includesLeft);
     return output;
 }
 

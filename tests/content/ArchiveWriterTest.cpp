@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <csignal>
 #include <filesystem>
@@ -121,6 +122,33 @@ TEST(ArchiveWriter, FileIsReplacedWholeOrNotAtAll) {
     EXPECT_EQ(errorOf([&] { writeArchiveFile(nowhere, mixedFiles()); }).rfind("Failed to create ", 0),
               0u);
     EXPECT_FALSE(std::filesystem::exists(dir.path() / "missing"));
+}
+
+TEST(ArchiveWriter, OutputIsWrittenOnlyAsARegularFileThroughLinksKeepingItsMode) {
+    namespace fs = std::filesystem;
+    TempDir dir;
+    const std::string fifo = dir.file("fifo.dat");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    EXPECT_EQ(errorOf([&] { writeArchiveFile(fifo, mixedFiles()); }),
+              "Failed to write " + fifo + ": not a regular file");
+    EXPECT_TRUE(fs::is_fifo(fifo));
+
+    // A link's target is replaced, with its mode kept; the link stays a link.
+    const std::string target = dir.file("real.dat");
+    testing::writeBytes(target, toBytes("old"));
+    fs::permissions(target, fs::perms::owner_read | fs::perms::owner_write);
+    fs::create_symlink("real.dat", dir.file("link.dat"));
+    writeArchiveFile(dir.file("link.dat"), mixedFiles());
+    EXPECT_TRUE(fs::is_symlink(dir.file("link.dat")));
+    EXPECT_EQ(testing::readBytes(target), writeArchive(mixedFiles()));
+    EXPECT_EQ(fs::status(target).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+
+    // A dangling link: its target comes into being.
+    fs::create_symlink(dir.file("new.dat"), dir.file("dangling.dat"));
+    writeArchiveFile(dir.file("dangling.dat"), {{"a", toBytes("x")}});
+    EXPECT_EQ(DemoArchive::load(dir.file("new.dat"))->readText("a"), "x");
+    EXPECT_TRUE(fs::is_symlink(dir.file("dangling.dat")));
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 5);
 }
 
 // Runs in a child process: a file size limit makes the write fail after its first 4 KiB.

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <zlib.h>
 
 #include <limits>
@@ -48,6 +49,24 @@ TEST(DemoArchiveLoad, FileErrorsNameThePathAsPassed) {
               "Failed to open demo archive: " + missing);
     EXPECT_EQ(errorOf([&] { DemoArchive::load(dir.path().string()); }),
               "Failed to open demo archive: " + dir.path().string());
+}
+
+TEST(DemoArchiveLoad, OnlyRegularFilesOfBoundedSizeAreRead) {
+    TempDir dir;
+    const std::string fifo = dir.file("fifo.dat");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    {
+        const testing::FifoPeer peer(fifo); // a load that waits for a writer gets one, and fails
+        EXPECT_EQ(errorOf([&] { DemoArchive::load(fifo); }), "Failed to open demo archive: " + fifo);
+    }
+    EXPECT_EQ(errorOf([] { DemoArchive::load("/dev/zero"); }),
+              "Failed to open demo archive: /dev/zero");
+
+    // Sparse files: the size is refused before anything is allocated or read.
+    const std::string huge = dir.file("huge.dat");
+    testing::writeBytes(huge, RawArchive(1, 0).bytes());
+    std::filesystem::resize_file(huge, (std::uint64_t{512} << 20) + 1);
+    EXPECT_EQ(errorOf([&] { DemoArchive::load(huge); }), "Demo archive larger than 512 MiB: " + huge);
 }
 
 TEST(DemoArchiveLoad, ShortFilesAndWrongMagicAreInvalid) {
@@ -323,6 +342,33 @@ TEST(DemoArchiveOpen, EmptyGzipContentOpensAsAnEmptyFile) {
     const auto notEmpty = gzipDeterministic(toBytes("x"));
     const auto archive = loadBytes(dir, oneGzipRecord(notEmpty, 0));
     EXPECT_EQ(errorOf([&] { archive->open("z.bin"); }), "Failed to decompress demo archive entry");
+}
+
+TEST(DemoArchiveStream, PiecesAddUpToTheContentWithTheChecksOfOpen) {
+    TempDir dir;
+    std::vector<std::uint8_t> content(3 << 20);
+    for (std::size_t i = 0; i < content.size(); ++i) {
+        content[i] = static_cast<std::uint8_t>(i * i >> 7);
+    }
+    const auto gzip = gzipDeterministic(content);
+    for (const std::int64_t error : {-1, 0, 1}) {
+        const auto archive = loadBytes(dir, oneGzipRecord(gzip, content.size() + error));
+        std::vector<std::uint8_t> streamed;
+        int pieces = 0;
+        const std::string message = errorOf([&] {
+            archive->stream("./z.bin", [&](ArchiveBytes piece) {
+                streamed.insert(streamed.end(), piece.begin(), piece.end());
+                ++pieces;
+            });
+        });
+        if (error != 0) {
+            EXPECT_EQ(message, "Failed to decompress demo archive entry") << error;
+            continue;
+        }
+        EXPECT_EQ(message, "<no error>");
+        EXPECT_GT(pieces, 1);
+        EXPECT_TRUE(streamed == content);
+    }
 }
 
 TEST(DemoArchiveOpen, ArchiveOutlivesItsLoaderAndViewsStayValid) {

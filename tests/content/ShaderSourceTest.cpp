@@ -112,6 +112,53 @@ TEST_F(ShaderSourceTest, StackIsRestoredAndChecked) {
               "Recursive Metal include detected");
 }
 
+TEST_F(ShaderSourceTest, FailuresLeaveTheChainDownToTheFailingFile) {
+    files({{"a.glsl", "#include \"lib/b.glsl\"\n"},
+           {"lib/b.glsl", "#include \"../a.glsl\"\n"},
+           {"c.glsl", "#include \"lib/none.glsl\"\n"}});
+    std::vector<std::string> stack;
+    EXPECT_EQ(errorOf([&] { loadMetalSourceWithIncludes(*archive_, "a.glsl", stack); }),
+              "Recursive Metal include detected");
+    EXPECT_EQ(stack, (std::vector<std::string>{"a.glsl", "lib/b.glsl", "a.glsl"}));
+    stack.clear();
+    errorOf([&] { loadMetalSourceWithIncludes(*archive_, "c.glsl", stack); });
+    EXPECT_EQ(stack, (std::vector<std::string>{"c.glsl", "lib/none.glsl"}));
+}
+
+// A hostile show must not expand for minutes, take gigabytes or overflow the stack.
+TEST_F(ShaderSourceTest, IncludeBombsStopAtTheirLimits) {
+    std::vector<std::pair<std::string, std::string>> sources;
+    auto include = [](const std::string& name) { return "#include \"" + name + "\"\n"; };
+    // Each file includes the next twice: 2^26 copies of the last one.
+    for (int i = 0; i < 26; ++i) {
+        const std::string next = "bomb" + std::to_string(i + 1) + ".glsl";
+        sources.push_back({"bomb" + std::to_string(i) + ".glsl", include(next) + include(next)});
+    }
+    sources.push_back({"bomb26.glsl", ""});
+    // A chain 100 files deep.
+    for (int i = 0; i < 100; ++i) {
+        sources.push_back({"deep" + std::to_string(i) + ".glsl", include("deep" + std::to_string(i + 1) + ".glsl")});
+    }
+    sources.push_back({"deep100.glsl", "end\n"});
+    // 17 copies of a MiB, in few includes.
+    sources.push_back({"mib.glsl", std::string((1 << 20) - 1, 'x')});
+    std::string big;
+    for (int i = 0; i < 17; ++i) {
+        big += include("mib.glsl");
+    }
+    sources.push_back({"big.glsl", big});
+    files(sources);
+
+    EXPECT_EQ(errorFor("bomb0.glsl"), "More than 4096 Metal includes in one source");
+    std::vector<std::string> stack;
+    EXPECT_EQ(errorOf([&] { loadMetalSourceWithIncludes(*archive_, "deep0.glsl", stack); }),
+              "Metal includes nested more than 64 deep");
+    EXPECT_EQ(stack.size(), 65u);
+    EXPECT_EQ(errorFor("big.glsl"), "Expanded Metal shader source larger than 16 MiB");
+    EXPECT_EQ(expand("deep37.glsl"), "end\n" + std::string(63, '\n')); // 64 files deep
+    EXPECT_EQ(expand("bomb15.glsl").size(), 4094u);                      // 4094 includes
+}
+
 TEST_F(ShaderSourceTest, MissingFilesAndBadTextNameTheCanonicalPath) {
     files({{"shaders/main.glsl", "#include \"lib.glsl\"\n"},
            {"bad.glsl", "ok\n\xC3\x28\n"},

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -28,14 +29,26 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         if (!archive->contains(key)) {
             std::abort();
         }
+        // Streaming (before open fills the cache) and open must agree on content and failure.
+        std::optional<std::uint64_t> streamed;
+        expectOnlyRuntimeErrors([&] {
+            std::uint64_t size = 0;
+            archive->stream(key, [&](brisvale::ArchiveBytes piece) { size += piece.size(); });
+            streamed = size;
+        });
+        bool opened = false;
         expectOnlyRuntimeErrors([&] {
             const brisvale::ArchiveBytes first = archive->open(key);
             const brisvale::ArchiveBytes second = archive->open(key);
             if (first.data() != second.data() || first.size() != second.size() ||
-                archive->readCopy(key).size() != first.size()) {
+                archive->readCopy(key).size() != first.size() || streamed != first.size()) {
                 std::abort();
             }
+            opened = true;
         });
+        if (opened != streamed.has_value()) {
+            std::abort();
+        }
         expectOnlyRuntimeErrors([&] { brisvale::loadImagePaths(*archive, key); });
         expectOnlyRuntimeErrors([&] {
             std::vector<std::string> stack;

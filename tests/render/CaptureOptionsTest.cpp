@@ -9,13 +9,19 @@
 namespace brisvale::capture {
 namespace {
 
-std::string errorOf(const std::vector<std::string>& arguments) {
+// The message of the CaptureOptionError that `call` throws, or "<no error>".
+template <class Call>
+std::string failure(Call&& call) {
     try {
-        parseCaptureOptions(arguments);
-    } catch (const std::runtime_error& e) {
+        call();
+    } catch (const CaptureOptionError& e) {
         return e.what();
     }
     return "<no error>";
+}
+
+std::string errorOf(const std::vector<std::string>& arguments) {
+    return failure([&] { parseCaptureOptions(arguments); });
 }
 
 TEST(CaptureOptions, ParsesTimesSizeAndOutput) {
@@ -46,26 +52,56 @@ TEST(CaptureOptions, RejectsWhatCannotBeCaptured) {
 
 TEST(CaptureOptions, TimesGiveOneFileEachWithTheGapAsDelta) {
     const auto options = parseCaptureOptions({"demo.dat", "--at", "2,30,145", "-o", "out"});
-    const auto frames = planFrames(options, 50);
+    const FramePlan frames(options, 50);
     ASSERT_EQ(frames.size(), 3u);
-    EXPECT_EQ(frames[0].fileName, "t2.000.png");
-    EXPECT_FLOAT_EQ(frames[0].deltaSeconds, 1.0f / 50.0f);
-    EXPECT_EQ(frames[1].fileName, "t30.000.png");
-    EXPECT_FLOAT_EQ(frames[1].deltaSeconds, 28.0f);
-    EXPECT_FLOAT_EQ(frames[2].timeSeconds, 145.0f);
-    EXPECT_FLOAT_EQ(frames[2].deltaSeconds, 115.0f);
+    EXPECT_EQ(frames.frame(0).fileName, "t2.000.png");
+    EXPECT_FLOAT_EQ(frames.frame(0).deltaSeconds, 1.0f / 50.0f);
+    EXPECT_EQ(frames.frame(1).fileName, "t30.000.png");
+    EXPECT_FLOAT_EQ(frames.frame(1).deltaSeconds, 28.0f);
+    EXPECT_FLOAT_EQ(frames.frame(2).timeSeconds, 145.0f);
+    EXPECT_FLOAT_EQ(frames.frame(2).deltaSeconds, 115.0f);
+    // Times closer than three decimals still get files of their own; one time twice is refused.
+    const FramePlan close(parseCaptureOptions({"demo.dat", "--at", "1.0001,1.0004,-0.5", "-o", "out"}), 50);
+    EXPECT_EQ(close.frame(0).fileName, "t1.0001.png");
+    EXPECT_EQ(close.frame(1).fileName, "t1.0004.png");
+    EXPECT_EQ(close.frame(2).fileName, "t-0.500.png");
+    EXPECT_EQ(failure([] { FramePlan(parseCaptureOptions({"demo.dat", "--at", "1,1.00000001", "-o", "out"}), 50); }),
+              "--at gives the time 1.000 twice");
 }
 
 TEST(CaptureOptions, ARangeIsANumberedSequenceAtTheFrameRate) {
     const auto options = parseCaptureOptions({"demo.dat", "--from", "1", "--to", "2", "--fps", "4", "-o", "out"});
-    const auto frames = planFrames(options, 60);
+    const FramePlan frames(options, 60);
     ASSERT_EQ(frames.size(), 5u);  // 1, 1.25, 1.5, 1.75, 2
-    EXPECT_EQ(frames[0].fileName, "frame-00000.png");
-    EXPECT_EQ(frames[4].fileName, "frame-00004.png");
-    EXPECT_FLOAT_EQ(frames[4].timeSeconds, 2.0f);
-    for (const auto& frame : frames) EXPECT_FLOAT_EQ(frame.deltaSeconds, 0.25f);
+    EXPECT_EQ(frames.frame(0).fileName, "frame-00000.png");
+    EXPECT_EQ(frames.frame(4).fileName, "frame-00004.png");
+    EXPECT_FLOAT_EQ(frames.frame(4).timeSeconds, 2.0f);
+    for (std::uint64_t i = 0; i < frames.size(); ++i) EXPECT_FLOAT_EQ(frames.frame(i).deltaSeconds, 0.25f);
     // Without --fps the show's own default applies.
-    EXPECT_EQ(planFrames(parseCaptureOptions({"demo.dat", "--from", "0", "--to", "1", "-o", "out"}), 30).size(), 31u);
+    EXPECT_EQ(FramePlan(parseCaptureOptions({"demo.dat", "--from", "0", "--to", "1", "-o", "out"}), 30).size(), 31u);
+}
+
+// Frames are made as they are asked for; what float show times cannot hold apart is refused.
+TEST(CaptureOptions, RangesAreBoundedByWhatShowTimesCanTellApart) {
+    auto plan = [](const std::string& from, const std::string& to, const std::string& fps) {
+        return FramePlan(parseCaptureOptions({"demo.dat", "--from", from, "--to", to, "--fps", fps, "-o", "out"}), 60);
+    };
+    const FramePlan longest = plan("0", "1024", "8192");  // float steps of 1/8192 s just below 1024
+    EXPECT_EQ(longest.size(), 8388609u);
+    EXPECT_EQ(longest.frame(8388608).fileName, "frame-8388608.png");
+    EXPECT_NE(longest.frame(8388607).timeSeconds, longest.frame(8388608).timeSeconds);
+    EXPECT_EQ(failure([&] { plan("0", "1024", "16384"); }),
+              "Show times near 1024 s are 0.00012207 s apart, more than a frame at 16384 fps");
+
+    // The show's defaults are held to the ranges of --fps and --size.
+    const auto range = parseCaptureOptions({"demo.dat", "--from", "0", "--to", "1", "-o", "out"});
+    EXPECT_EQ(failure([&] { FramePlan(range, 4294967295u); }),
+              "The show's default frame rate 4294967295 is out of range (1 to 16384); give --fps");
+    EXPECT_EQ(failure([&] { captureSize(range, 65536, 65536); }),
+              "The show's default size 65536x65536 is out of range (1 to 16384 per side); give --size");
+    EXPECT_EQ(captureSize(range, 16384, 1).width, 16384u);
+    const auto sized = parseCaptureOptions({"demo.dat", "--size", "64x32", "--at", "1", "-o", "out"});
+    EXPECT_EQ(captureSize(sized, 65536, 65536).height, 32u);
 }
 
 } // namespace

@@ -2,12 +2,14 @@
 // one clear line with a non-zero exit on errors.
 
 #include "RenderTestSupport.h"
+#include "content/AtomicFile.h"
 
 #define STB_IMAGE_IMPLEMENTATION
 #include <stb/stb_image.h>
 
 #include <array>
 #include <cstdio>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 namespace brisvale::testing {
@@ -32,17 +34,22 @@ RunResult runCapture(const std::string& arguments) {
 
 class CaptureTool : public ::testing::Test {
 protected:
-    std::string writeShow(const ShowFiles& files) {
+    // `moreIni` is appended to the show manifest (later keys win); `damageImage` breaks the
+    // image's gzip stream.
+    std::string writeShow(const ShowFiles& files, const std::string& moreIni = "", bool damageImage = false) {
         std::vector<ArchiveFile> entries;
         if (files.withShader) entries.push_back({"scene.glsl", toBytes(files.shader)});
         entries.push_back({"assets.txt", toBytes("image.0.path = a.png\n")});
-        entries.push_back({"a.png", solidPng(2, 2, 255, 255, 255, 255)});
         entries.push_back({"demo.ini", toBytes("demo.name = T\ndemo.timeline.shader = scene.glsl\n"
                                                "demo.timeline.assets = assets.txt\ndemo.timeline.audio = none.wav\n"
                                                "demo.output.width = 40\ndemo.output.height = 30\n"
-                                               "demo.output.fps = 10\n")});
+                                               "demo.output.fps = 10\n" + moreIni)});
+        entries.push_back({"a.png", solidPng(2, 2, 255, 255, 255, 255)});
+        std::vector<std::uint8_t> bytes = writeArchive(entries, {2, damageImage ? ArchiveCompression::All
+                                                                              : ArchiveCompression::Auto});
+        if (damageImage) bytes[bytes.size() - 3] ^= 0x55;  // the size in the last gzip trailer
         const std::string path = dir_.file("show.dat");
-        writeArchiveFile(path, entries);
+        replaceFileAtomically(path, bytes);
         return path;
     }
     TempDir dir_;
@@ -86,24 +93,57 @@ TEST_F(CaptureTool, ARangeWritesANumberedSequenceAtTheShowsDefaultSize) {
     EXPECT_FALSE(std::filesystem::exists(out + "/frame-00003.png"));
 }
 
-TEST_F(CaptureTool, RendererErrorsEndTheRunWithTheirMessage) {
+TEST_F(CaptureTool, ContentErrorsNameTheShowAndTheFile) {
     ShowFiles files;
     files.withShader = false;
-    const std::string archive = writeShow(files);
-    const RunResult run = runCapture(archive + " --at 1 -o " + dir_.file("never"));
-    EXPECT_NE(run.status, 0);
-    EXPECT_NE(run.output.find("brisvale-capture: Missing file in demo archive: scene.glsl\n"), std::string::npos)
-        << run.output;
+    std::string archive = writeShow(files);
+    RunResult run = runCapture(archive + " --at 1 -o " + dir_.file("never"));
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.output, "brisvale-capture: " + archive + ": Missing file in demo archive: scene.glsl\n");
     EXPECT_FALSE(std::filesystem::exists(dir_.file("never")));
+
+    files.withShader = true;
+    files.shader = "#include \"./scene.glsl\"\n";
+    archive = writeShow(files);
+    run = runCapture(archive + " --at 1 -o " + dir_.file("never"));
+    EXPECT_EQ(run.output, "brisvale-capture: " + archive + ": scene.glsl -> scene.glsl: Recursive Metal include detected\n");
+
+    archive = writeShow({}, "demo.output.fps = 1x\n");
+    run = runCapture(archive + " --at 1 -o " + dir_.file("never"));
+    EXPECT_EQ(run.output, "brisvale-capture: " + archive + ": demo.ini: Invalid numeric demo manifest value: demo.output.fps\n");
+
+    archive = writeShow({}, "", true);
+    run = runCapture(archive + " --at 1 -o " + dir_.file("never"));
+    EXPECT_EQ(run.output, "brisvale-capture: " + archive + ": a.png: Failed to decompress demo archive entry\n");
+}
+
+TEST_F(CaptureTool, WhatCannotBeCapturedIsAUsageErrorAndOutputsMustBeRegularFiles) {
+    // Taken as it stood, this default size brought the driver down.
+    const std::string archive = writeShow({}, "demo.output.width = 65536\ndemo.output.height = 65536\n");
+    RunResult run = runCapture(archive + " --at 1 -o " + dir_.file("never"));
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.output, "brisvale-capture: The show's default size 65536x65536 is out of range (1 to 16384 per side); give --size\n");
+    run = runCapture(archive + " --size 8x8 --from 0 --to 3e38 --fps 1 -o " + dir_.file("never"));
+    EXPECT_EQ(run.status, 2);
+    EXPECT_FALSE(std::filesystem::exists(dir_.file("never")));
+
+    const std::string out = dir_.file("out");
+    std::filesystem::create_directories(out);
+    ASSERT_EQ(mkfifo((out + "/t1.000.png").c_str(), 0600), 0);
+    const FifoPeer peer(out + "/t1.000.png");  // a writer that waits for a reader gets one, and fails
+    run = runCapture(archive + " --size 8x8 --at 1 -o " + out);
+    EXPECT_EQ(run.status, 1);
+    EXPECT_NE(run.output.find("\nbrisvale-capture: Failed to write " + out + "/t1.000.png: not a regular file\n"),
+              std::string::npos) << run.output;
 }
 
 TEST_F(CaptureTool, BadArgumentsAndMissingArchivesFail) {
     RunResult run = runCapture("--at 1 -o " + dir_.file("x"));
-    EXPECT_NE(run.status, 0);
-    EXPECT_NE(run.output.find("brisvale-capture: No demo archive given"), std::string::npos) << run.output;
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.output, "brisvale-capture: No demo archive given\n");
     run = runCapture(dir_.file("absent.dat") + " --at 1 -o " + dir_.file("x"));
-    EXPECT_NE(run.status, 0);
-    EXPECT_NE(run.output.find("brisvale-capture: Failed to open demo archive: "), std::string::npos) << run.output;
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.output, "brisvale-capture: Failed to open demo archive: " + dir_.file("absent.dat") + "\n");
 }
 
 } // namespace

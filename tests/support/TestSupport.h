@@ -1,16 +1,20 @@
 #pragma once
 
-// Helpers every test folder uses: bytes from text, the message an error carries, and a
-// temporary directory that cleans up after itself.
+// Helpers every test folder uses: bytes from text, the message an error carries, a
+// temporary directory that cleans up after itself, and the other end of a FIFO.
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 namespace brisvale::testing {
@@ -49,6 +53,35 @@ public:
 
 private:
     std::filesystem::path path_;
+};
+
+// While it lives, opens the FIFO at `path` from both ends again and again, never blocking: code
+// that wrongly waits in open() for the FIFO's other end gets one, so a test of it fails instead
+// of hanging.
+class FifoPeer {
+public:
+    explicit FifoPeer(std::string path) : path_(std::move(path)), thread_([this] { run(); }) {}
+    FifoPeer(const FifoPeer&) = delete;
+    FifoPeer& operator=(const FifoPeer&) = delete;
+    ~FifoPeer() {
+        stop_ = true;
+        thread_.join();
+    }
+
+private:
+    void run() {
+        while (!stop_) {
+            for (const int mode : {O_WRONLY, O_RDONLY}) {
+                const int fd = ::open(path_.c_str(), mode | O_NONBLOCK | O_CLOEXEC);
+                if (fd >= 0) ::close(fd);
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    }
+
+    std::string path_;
+    std::atomic<bool> stop_{false};  // set by the destructor, read by the thread
+    std::thread thread_;
 };
 
 } // namespace brisvale::testing

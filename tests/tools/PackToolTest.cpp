@@ -5,9 +5,13 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/wait.h>
 
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <random>
 #include <sstream>
@@ -31,6 +35,7 @@ struct Result {
     int status = -1;
     std::string out;
     std::string err;
+    std::uint64_t maxResidentBytes = 0;
 };
 
 std::string readText(const std::string& path) {
@@ -61,7 +66,9 @@ Result pack(const TempDir& scratch, std::vector<std::string> args) {
         return result;
     }
     int status = 0;
-    waitpid(pid, &status, 0);
+    rusage usage{};
+    wait4(pid, &status, 0, &usage);
+    result.maxResidentBytes = std::uint64_t(usage.ru_maxrss) * 1024;
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     result.out = readText(outPath);
     result.err = readText(errPath);
@@ -276,13 +283,13 @@ TEST_F(PackToolTest, FailedPacksKeepThePreviousOutput) {
     EXPECT_EQ(file.status, 1);
     EXPECT_EQ(file.err, "brisvale-pack: not a directory: " + (source_ / "demo.ini").string() + "\n");
 
-    // /proc/self/mem is a regular file whose reading fails, even for root.
-    fs::create_symlink("/proc/self/mem", source_ / "unreadable");
-    const Result unreadable = pack(scratch_, {"-o", out, source_.string()});
-    EXPECT_EQ(unreadable.status, 1);
-    EXPECT_EQ(unreadable.err, "brisvale-pack: cannot read " + (source_ / "unreadable").string() +
-                                  ": Input/output error\n");
-    fs::remove(source_ / "unreadable");
+    // A (sparse) file too large for the reader is refused before it is read.
+    writeBytes((source_ / "huge.bin").string(), {});
+    fs::resize_file(source_ / "huge.bin", std::uint64_t{4} << 30);
+    const Result huge = pack(scratch_, {"-o", out, source_.string()});
+    EXPECT_EQ(huge.status, 1);
+    EXPECT_EQ(huge.err, "brisvale-pack: cannot pack 'huge.bin': files of 4 GiB or more cannot be stored\n");
+    fs::remove(source_ / "huge.bin");
 
     // A name the archive would read as a different path.
     writeBytes((source_ / "back\\slash.txt").string(), toBytes("x"));
@@ -308,10 +315,21 @@ TEST_F(PackToolTest, ArchivesThatFailToLoadReportTheReadersMessage) {
     writeBytes(path("corrupt.dat"), bytes);
     const Result corrupt = pack(scratch_, {"--extract", path("corrupt.dat"), path("x")});
     EXPECT_EQ(corrupt.status, 1);
-    EXPECT_EQ(corrupt.err, "brisvale-pack: Corrupt demo archive directory\n");
+    EXPECT_EQ(corrupt.err, "brisvale-pack: " + path("corrupt.dat") + ": Corrupt demo archive directory\n");
 
     const Result absent = pack(scratch_, {"--list", path("absent.dat")});
     EXPECT_EQ(absent.err, "brisvale-pack: Failed to open demo archive: " + path("absent.dat") + "\n");
+
+    // A FIFO is no archive: refused at once, never waited on.
+    ASSERT_EQ(mkfifo(path("fifo.dat").c_str(), 0600), 0);
+    const testing::FifoPeer peer(path("fifo.dat"));
+    for (const auto& args : {std::vector<std::string>{"--list", path("fifo.dat")},
+                             std::vector<std::string>{"--extract", path("fifo.dat"), path("x")}}) {
+        const Result fifo = pack(scratch_, args);
+        EXPECT_EQ(fifo.status, 1);
+        EXPECT_EQ(fifo.err, "brisvale-pack: Failed to open demo archive: " + path("fifo.dat") + "\n");
+    }
+    EXPECT_FALSE(fs::exists(path("x")));
 }
 
 TEST_F(PackToolTest, ExtractRefusesEntriesThatNameNothingOrEscape) {
@@ -351,14 +369,142 @@ TEST_F(PackToolTest, ExtractRefusesEntriesThatNameNothingOrEscape) {
                                            {"a/b/c", toBytes("c")}, {"up.txt", toBytes("u")}}));
 }
 
-TEST_F(PackToolTest, ExtractReportsDamagedContent) {
-    auto bytes = writeArchive({{"t.txt", toBytes(std::string(5000, 't'))}},
-                              {2, ArchiveCompression::All});
-    bytes[bytes.size() - 3] ^= 0x55; // inside the gzip trailer's size field
+// A failed extraction leaves the destination as it found it, and never writes through a name
+// that is already there.
+TEST_F(PackToolTest, ExtractIsAllOrNothingAndCreatesNewFilesOnly) {
+    const fs::path target = scratch_.path() / "target";
+    fs::create_directories(target / "kept");
+    writeBytes((target / "kept" / "old.txt").string(), toBytes("old"));
+    const auto before = snapshot(target);
+
+    std::vector<ArchiveFile> files;
+    for (int i = 0; i < 3; ++i) {
+        files.push_back({"d" + std::to_string(i) + "/f.txt", toBytes(std::string(5000, 'a' + i))});
+    }
+    files.push_back({"z.txt", toBytes(std::string(5000, 't'))});
+    auto bytes = writeArchive(files, {2, ArchiveCompression::All});
+    bytes[bytes.size() - 3] ^= 0x55; // inside the last gzip trailer's size field
     writeBytes(path("bad.dat"), bytes);
-    const Result result = pack(scratch_, {"--extract", path("bad.dat"), path("x")});
-    EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.err, "brisvale-pack: Failed to decompress demo archive entry\n");
+    const Result damaged = pack(scratch_, {"--extract", path("bad.dat"), target.string()});
+    EXPECT_EQ(damaged.status, 1);
+    EXPECT_EQ(damaged.err, "brisvale-pack: " + path("bad.dat") + ": z.txt: Failed to decompress demo archive entry\n");
+    EXPECT_EQ(snapshot(target), before);
+    EXPECT_EQ(std::distance(fs::recursive_directory_iterator(target), {}), 2);
+    // Into a directory this run made: that goes too.
+    EXPECT_EQ(pack(scratch_, {"--extract", path("bad.dat"), path("new/dir")}).status, 1);
+    EXPECT_FALSE(fs::exists(path("new")));
+
+    // A file in the way of a directory the archive needs.
+    writeArchiveFile(path("clash.dat"), {{"a/b", toBytes("b")}, {"a/b/c", toBytes("c")}});
+    EXPECT_EQ(pack(scratch_, {"--extract", path("clash.dat"), target.string()}).status, 1);
+    EXPECT_EQ(std::distance(fs::recursive_directory_iterator(target), {}), 2);
+
+    // A hard link to a file outside: not opened, let alone written.
+    writeBytes(path("victim.txt"), toBytes("safe"));
+    fs::create_hard_link(path("victim.txt"), target / "kept" / "link.txt");
+    writeArchiveFile(path("link.dat"), {{"kept/link.txt", toBytes("overwritten")}});
+    const Result linked = pack(scratch_, {"--extract", path("link.dat"), target.string()});
+    EXPECT_EQ(linked.status, 1);
+    EXPECT_EQ(linked.err, "brisvale-pack: cannot write 'kept/link.txt' to " + (target / "kept" / "link.txt").string() +
+                              ": File exists\n");
+    EXPECT_EQ(readText(path("victim.txt")), "safe");
+
+    // Where no directory can be made, the reason is given.
+    const Result blocked = pack(scratch_, {"--extract", path("link.dat"), path("victim.txt") + "/sub"});
+    EXPECT_EQ(blocked.err, "brisvale-pack: cannot create " + path("victim.txt") + "/sub: Not a directory\n");
+}
+
+// Pages resident in this process now.
+std::uint64_t residentBytes() {
+    std::ifstream statm("/proc/self/statm");
+    std::uint64_t size = 0;
+    std::uint64_t resident = 0;
+    statm >> size >> resident;
+    return resident * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+}
+
+// Entries may share their stored bytes: a small archive can unpack to far more than it holds.
+TEST_F(PackToolTest, ExtractStreamsEachFileAndFirstChecksTheFreeSpace) {
+    constexpr std::size_t kSize = 48 << 20;
+    const auto gzip = gzipDeterministic(std::vector<std::uint8_t>(kSize, 0));
+    auto shared = [&](int count, std::uint64_t unpacked) {
+        testing::RawArchive raw(2, static_cast<std::uint32_t>(count));
+        const std::uint64_t offset = 12 + count * (32 + 6);
+        for (int i = 0; i < count; ++i) {
+            raw.record2("f" + std::to_string(100000 + i).substr(1), offset, gzip.size(), unpacked, 1);
+        }
+        return raw.raw(gzip).bytes();
+    };
+    writeBytes(path("three.dat"), shared(3, kSize));
+    // Until it runs the tool, the child shares this process's pages, and its peak counts them.
+    const std::uint64_t before = residentBytes();
+    const Result three = pack(scratch_, {"--extract", path("three.dat"), path("three")});
+    ASSERT_EQ(three.status, 0) << three.err;
+    EXPECT_LT(three.maxResidentBytes, before + kSize * 3 / 2); // never all three at once
+    for (const char* name : {"/f00000", "/f00001", "/f00002"}) {
+        EXPECT_EQ(fs::file_size(path("three") + name), kSize);
+    }
+
+    // Twice what the disk has free: refused before anything is written. (Each entry claims a
+    // byte more than it holds, so that a run without the check fails at once, not with a full disk.)
+    struct statvfs space {};
+    ASSERT_EQ(statvfs(scratch_.path().c_str(), &space), 0);
+    const std::uint64_t free = std::uint64_t{space.f_bavail} * space.f_frsize;
+    const int count = static_cast<int>(free / kSize * 2 + 2);
+    writeBytes(path("vast.dat"), shared(count, kSize + 1));
+    const Result vast = pack(scratch_, {"--extract", path("vast.dat"), path("vast")});
+    EXPECT_EQ(vast.status, 1);
+    EXPECT_EQ(vast.err.rfind("brisvale-pack: cannot extract " + path("vast.dat") + ": its files take " +
+                                 std::to_string(count * (kSize + 1)) + " bytes, ", 0), 0u) << vast.err;
+    EXPECT_FALSE(fs::exists(path("vast")));
+}
+
+TEST_F(PackToolTest, ListingEscapesNamesAndShowsOnlyCheckedSizes) {
+    const std::vector<std::string> names = {"esc\x1B[2J\nforged\t1\t1\tstored", "caf\xC3\xA9", "bad\xFF\xC3",
+                                            "c1\xC2\x9B"};
+    testing::RawArchive raw(2, 5);
+    for (const std::string& name : names) {
+        raw.record2(name, 0, 4, 99, 0);
+    }
+    raw.record2("liar.gz", 0, 100, std::uint64_t{1} << 40, 1);
+    writeBytes(path("odd.dat"), raw.bytes());
+    const Result listed = pack(scratch_, {"--list", path("odd.dat")});
+    ASSERT_EQ(listed.status, 0) << listed.err;
+    EXPECT_EQ(listed.out, "bad\\xFF\\xC3\t4\t4\tstored\n"
+                          "c1\\xC2\\x9B\t4\t4\tstored\n"
+                          "caf\xC3\xA9\t4\t4\tstored\n"
+                          "esc\\x1B[2J\\x0Aforged\\x091\\x091\\x09stored\t4\t4\tstored\n"
+                          "liar.gz\t100\t?\tgzip\n"
+                          "total: 5 files\t116\t16\n");
+}
+
+// [packing what lies inside] ---------------------------------------------------------------
+
+TEST_F(PackToolTest, PacksOnlyWhatLiesInsideAndNamesWhatItSkips) {
+    writeBytes(path("secret.txt"), toBytes("secret"));
+    fs::create_symlink(path("secret.txt"), source_ / "outside-link");
+    fs::create_symlink("shaders/lib/noise.glsl", source_ / "inside-link");
+    fs::create_directory_symlink("shaders", source_ / "dir-link");
+    fs::create_symlink("nowhere", source_ / "dangling");
+    ASSERT_EQ(mkfifo((source_ / "images" / "fifo").c_str(), 0600), 0);
+
+    const Result packed = pack(scratch_, {"-o", path("demo.dat"), source_.string()});
+    ASSERT_EQ(packed.status, 0) << packed.err;
+    std::vector<std::string> lines;
+    std::istringstream err(packed.err);
+    for (std::string line; std::getline(err, line);) {
+        lines.push_back(line);
+    }
+    std::sort(lines.begin(), lines.end());
+    EXPECT_EQ(lines, (std::vector<std::string>{
+                         "brisvale-pack: skipped 'dangling': symbolic link that leads nowhere (No such file or directory)",
+                         "brisvale-pack: skipped 'dir-link': symbolic link to a directory, not followed",
+                         "brisvale-pack: skipped 'images/fifo': a FIFO",
+                         "brisvale-pack: skipped 'outside-link': symbolic link to " + path("secret.txt") +
+                             ", outside the directory"}));
+    const auto archive = DemoArchive::load(path("demo.dat"));
+    EXPECT_EQ(archive->entries().size(), 8u);
+    EXPECT_EQ(archive->readText("inside-link"), "float n;");
 }
 
 } // namespace

@@ -1,8 +1,10 @@
 #include "tools/capture/CaptureOptions.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <stdexcept>
+#include <cstdlib>
+#include <set>
 
 namespace brisvale::capture {
 namespace {
@@ -16,12 +18,12 @@ float parseTime(const std::string& text, const char* what) {
         used = 0;
     }
     if (used != text.size() || text.empty() || !std::isfinite(value)) {
-        throw std::runtime_error(std::string("Invalid ") + what + ": " + text);
+        throw CaptureOptionError(std::string("Invalid ") + what + ": " + text);
     }
     return value;
 }
 
-std::uint32_t parseCount(const std::string& text, const char* what) {
+std::uint32_t parseCount(const std::string& text, const char* what, std::uint32_t largest) {
     std::size_t used = 0;
     unsigned long value = 0;
     try {
@@ -29,10 +31,22 @@ std::uint32_t parseCount(const std::string& text, const char* what) {
     } catch (const std::exception&) {
         used = 0;
     }
-    if (used != text.size() || text.empty() || text[0] == '-' || value == 0 || value > 16384) {
-        throw std::runtime_error(std::string("Invalid ") + what + ": " + text);
+    if (used != text.size() || text.empty() || text[0] == '-' || value == 0 || value > largest) {
+        throw CaptureOptionError(std::string("Invalid ") + what + ": " + text);
     }
     return static_cast<std::uint32_t>(value);
+}
+
+// A time for a file name: three decimals, or as many more as it takes to read back as the same
+// float, so that distinct times never share a file.
+std::string timeText(float t) {
+    char text[64];
+    for (int decimals = 3; decimals <= 12; ++decimals) {
+        std::snprintf(text, sizeof text, "%.*f", decimals, static_cast<double>(t));
+        if (std::strtof(text, nullptr) == t) return text;
+    }
+    std::snprintf(text, sizeof text, "%.9g", static_cast<double>(t));  // exact for any float
+    return text;
 }
 
 } // namespace
@@ -44,7 +58,7 @@ const char* captureUsage() {
 CaptureOptions parseCaptureOptions(const std::vector<std::string>& arguments) {
     CaptureOptions options;
     auto value = [&](std::size_t& i) -> const std::string& {
-        if (i + 1 >= arguments.size()) throw std::runtime_error("Missing value after " + arguments[i]);
+        if (i + 1 >= arguments.size()) throw CaptureOptionError("Missing value after " + arguments[i]);
         return arguments[++i];
     };
     for (std::size_t i = 0; i < arguments.size(); ++i) {
@@ -54,9 +68,9 @@ CaptureOptions parseCaptureOptions(const std::vector<std::string>& arguments) {
         } else if (argument == "--size") {
             const std::string& size = value(i);
             const auto x = size.find('x');
-            if (x == std::string::npos) throw std::runtime_error("Invalid size: " + size);
-            options.width = parseCount(size.substr(0, x), "size");
-            options.height = parseCount(size.substr(x + 1), "size");
+            if (x == std::string::npos) throw CaptureOptionError("Invalid size: " + size);
+            options.width = parseCount(size.substr(0, x), "size", kMaxSide);
+            options.height = parseCount(size.substr(x + 1), "size", kMaxSide);
         } else if (argument == "--at") {
             const std::string& list = value(i);
             std::size_t start = 0;
@@ -72,50 +86,79 @@ CaptureOptions parseCaptureOptions(const std::vector<std::string>& arguments) {
         } else if (argument == "--to") {
             options.to = parseTime(value(i), "time");
         } else if (argument == "--fps") {
-            options.fps = parseCount(value(i), "fps");
+            options.fps = parseCount(value(i), "fps", kMaxFps);
         } else if (argument == "-o" || argument == "--output") {
             options.outputDirectory = value(i);
         } else if (!argument.empty() && argument[0] == '-') {
-            throw std::runtime_error("Unknown option: " + argument);
+            throw CaptureOptionError("Unknown option: " + argument);
         } else if (options.archivePath.empty()) {
             options.archivePath = argument;
         } else {
-            throw std::runtime_error("Unexpected argument: " + argument);
+            throw CaptureOptionError("Unexpected argument: " + argument);
         }
     }
     if (options.help) return options;
-    if (options.archivePath.empty()) throw std::runtime_error("No demo archive given");
-    if (options.outputDirectory.empty()) throw std::runtime_error("No output directory given (-o DIR)");
+    if (options.archivePath.empty()) throw CaptureOptionError("No demo archive given");
+    if (options.outputDirectory.empty()) throw CaptureOptionError("No output directory given (-o DIR)");
     const bool range = options.from.has_value() || options.to.has_value();
-    if (range && !options.times.empty()) throw std::runtime_error("--at and --from/--to exclude each other");
-    if (range && !(options.from && options.to)) throw std::runtime_error("--from and --to go together");
-    if (range && *options.to < *options.from) throw std::runtime_error("--to is before --from");
-    if (!range && options.times.empty()) throw std::runtime_error("No times given (--at or --from/--to)");
+    if (range && !options.times.empty()) throw CaptureOptionError("--at and --from/--to exclude each other");
+    if (range && !(options.from && options.to)) throw CaptureOptionError("--from and --to go together");
+    if (range && *options.to < *options.from) throw CaptureOptionError("--to is before --from");
+    if (!range && options.times.empty()) throw CaptureOptionError("No times given (--at or --from/--to)");
     return options;
 }
 
-std::vector<CaptureFrame> planFrames(const CaptureOptions& options, std::uint32_t defaultFps) {
-    std::vector<CaptureFrame> frames;
-    const std::uint32_t fps = options.fps.value_or(defaultFps == 0 ? 60 : defaultFps);
+CaptureSize captureSize(const CaptureOptions& options, std::uint32_t defaultWidth, std::uint32_t defaultHeight) {
+    if (options.width && options.height) return {*options.width, *options.height};
+    if (defaultWidth == 0 || defaultWidth > kMaxSide || defaultHeight == 0 || defaultHeight > kMaxSide) {
+        throw CaptureOptionError("The show's default size " + std::to_string(defaultWidth) + "x" +
+                                 std::to_string(defaultHeight) + " is out of range (1 to " +
+                                 std::to_string(kMaxSide) + " per side); give --size");
+    }
+    return {defaultWidth, defaultHeight};
+}
+
+FramePlan::FramePlan(const CaptureOptions& options, std::uint32_t defaultFps) {
+    if (!options.fps && (defaultFps == 0 || defaultFps > kMaxFps)) {
+        throw CaptureOptionError("The show's default frame rate " + std::to_string(defaultFps) +
+                                 " is out of range (1 to " + std::to_string(kMaxFps) + "); give --fps");
+    }
+    const std::uint32_t fps = options.fps.value_or(defaultFps);
+    step_ = 1.0 / fps;
     if (!options.times.empty()) {
-        for (std::size_t i = 0; i < options.times.size(); ++i) {
-            const float t = options.times[i];
-            const float delta = i == 0 ? 1.0f / static_cast<float>(fps) : t - options.times[i - 1];
-            char name[64];
-            std::snprintf(name, sizeof(name), "t%.3f.png", static_cast<double>(t));
-            frames.push_back({t, delta, name});
+        times_ = options.times;
+        std::set<std::string> seen;
+        for (const float t : times_) {
+            const std::string text = timeText(t);
+            if (!seen.insert(text).second) throw CaptureOptionError("--at gives the time " + text + " twice");
+            names_.push_back("t" + text + ".png");
         }
-        return frames;
+        count_ = times_.size();
+        return;
     }
-    const double step = 1.0 / fps;
-    const double span = static_cast<double>(*options.to) - static_cast<double>(*options.from);
-    const std::uint64_t count = static_cast<std::uint64_t>(std::floor(span * fps + 1e-6)) + 1;
-    for (std::uint64_t i = 0; i < count; ++i) {
-        char name[64];
-        std::snprintf(name, sizeof(name), "frame-%05llu.png", static_cast<unsigned long long>(i));
-        frames.push_back({static_cast<float>(*options.from + static_cast<double>(i) * step), static_cast<float>(step), name});
+    // Show times are floats: past some size, consecutive frames would get the same time.
+    const float largest = std::max(std::fabs(*options.from), std::fabs(*options.to));
+    const double spacing = static_cast<double>(std::nextafter(largest, INFINITY)) - static_cast<double>(largest);
+    if (*options.to > *options.from && spacing > step_) {
+        char text[160];
+        std::snprintf(text, sizeof text, "Show times near %g s are %g s apart, more than a frame at %u fps",
+                      static_cast<double>(largest), spacing, fps);
+        throw CaptureOptionError(text);
     }
-    return frames;
+    from_ = *options.from;
+    const double span = static_cast<double>(*options.to) - from_;
+    count_ = static_cast<std::uint64_t>(std::floor(span * fps + 1e-6)) + 1;
+}
+
+CaptureFrame FramePlan::frame(std::uint64_t index) const {
+    if (!times_.empty()) {
+        const float t = times_[index];
+        const float delta = index == 0 ? static_cast<float>(step_) : t - times_[index - 1];
+        return {t, delta, names_[index]};
+    }
+    char name[64];
+    std::snprintf(name, sizeof(name), "frame-%05llu.png", static_cast<unsigned long long>(index));
+    return {static_cast<float>(from_ + static_cast<double>(index) * step_), static_cast<float>(step_), name};
 }
 
 } // namespace brisvale::capture

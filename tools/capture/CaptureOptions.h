@@ -1,15 +1,26 @@
 #pragma once
 // Command line of brisvale-capture:
 //   brisvale-capture demo.dat [--size WxH] (--at T1,T2,... | --from A --to B [--fps N]) -o DIR
-// --at writes DIR/t<T>.png per time (three decimals); --from/--to writes DIR/frame-00000.png,
-// frame-00001.png, ... at 1/fps steps from A up to and including B.
+// --at writes DIR/t<T>.png per time (three decimals, more where needed to keep names apart);
+// --from/--to writes DIR/frame-00000.png, frame-00001.png, ... at 1/fps steps from A up to and
+// including B.
 
 #include <cstdint>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace brisvale::capture {
+
+// A command line, or a show default standing in for an option, that cannot be captured.
+struct CaptureOptionError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// The largest side and frame rate, for --size and --fps and for the show's defaults alike.
+constexpr std::uint32_t kMaxSide = 16384;
+constexpr std::uint32_t kMaxFps = 16384;
 
 struct CaptureOptions {
     std::string archivePath;
@@ -21,8 +32,16 @@ struct CaptureOptions {
     bool help = false;
 };
 
-// Throws std::runtime_error with a one-line message on bad arguments.
+// Throws CaptureOptionError with a one-line message on bad arguments.
 CaptureOptions parseCaptureOptions(const std::vector<std::string>& arguments);
+
+struct CaptureSize {
+    std::uint32_t width;
+    std::uint32_t height;
+};
+// --size, else the show's default size, which must lie in the range --size accepts.
+CaptureSize captureSize(const CaptureOptions& options, std::uint32_t defaultWidth,
+                        std::uint32_t defaultHeight);
 
 // One frame to capture: when, with which delta, into which file name.
 struct CaptureFrame {
@@ -30,8 +49,23 @@ struct CaptureFrame {
     float deltaSeconds;
     std::string fileName;
 };
-// The frames of a parsed command line, with the fps the show defaults to.
-std::vector<CaptureFrame> planFrames(const CaptureOptions& options, std::uint32_t defaultFps);
+
+// The frames of a parsed command line, made one at a time as they are asked for. Refuses
+// (CaptureOptionError) a show default fps out of range, --at times that would share a file,
+// and a range whose show times (32-bit floats) are too coarse to tell its frames apart.
+class FramePlan {
+public:
+    FramePlan(const CaptureOptions& options, std::uint32_t defaultFps);
+    std::uint64_t size() const { return count_; }
+    CaptureFrame frame(std::uint64_t index) const;
+
+private:
+    std::vector<float> times_;       // --at
+    std::vector<std::string> names_; // --at
+    double from_ = 0.0;              // --from/--to
+    double step_ = 0.0;
+    std::uint64_t count_ = 0;
+};
 
 const char* captureUsage();
 

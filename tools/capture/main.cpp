@@ -1,12 +1,17 @@
 // brisvale-capture: draws chosen show times of a demo.dat offscreen, as if the show clock stood
 // at each time, and writes each frame as a PNG. Used to look at a show without a display.
+// Exit status 2 for a command line that cannot be captured, 1 for any other failure.
 //
+// [SECTION] Show content
 // [SECTION] Music length
 // [SECTION] Capture loop
 // [SECTION] main
 
+#include "content/AssetManifest.h"
+#include "content/AtomicFile.h"
 #include "content/DemoArchive.h"
 #include "content/DemoManifest.h"
+#include "content/ShaderSource.h"
 #include "render/Renderer.h"
 #include "render/gpu/CompletionThread.h"
 #include "render/gpu/Device.h"
@@ -37,6 +42,64 @@ namespace brisvale::capture {
 namespace {
 
 // ---------------------------------------------------------------------------------------------
+// [SECTION] Show content
+// ---------------------------------------------------------------------------------------------
+
+// `message` with `where` (the show's file, then an entry or include chain) in front, leaving
+// out what the message already ends with.
+std::string inShow(const std::string& archivePath, const std::string& where, const std::string& message) {
+    auto endsWith = [&](const std::string& name) {
+        const std::string tail = ": " + name;
+        return message.size() >= tail.size() && message.compare(message.size() - tail.size(), tail.size(), tail) == 0;
+    };
+    std::string prefix = endsWith(archivePath) ? "" : archivePath + ": ";
+    if (!where.empty() && !endsWith(where)) prefix += where + ": ";
+    return prefix + message;
+}
+
+// Runs `read`, naming the show and `where` in front of a content error.
+template <class Read>
+auto readInShow(const std::string& archivePath, const std::string& where, Read&& read) {
+    try {
+        return read();
+    } catch (const std::runtime_error& error) {
+        throw std::runtime_error(inShow(archivePath, where, error.what()));
+    }
+}
+
+// Reads the text files the renderer will read, in its order, so that a failure names its file:
+// the shader with its include chain, then the asset manifest. They stay in the archive's cache,
+// where the renderer finds them again.
+void checkShowText(const DemoArchive& archive, const DemoManifest& manifest, const std::string& archivePath) {
+    std::vector<std::string> chain;
+    try {
+        loadMetalSourceWithIncludes(archive, manifest.shaderPath, chain);
+    } catch (const std::runtime_error& error) {
+        std::string where;
+        for (const std::string& file : chain) where += (where.empty() ? "" : " -> ") + file;
+        throw std::runtime_error(inShow(archivePath, where, error.what()));
+    }
+    readInShow(archivePath, manifest.assetManifestPath, [&] { return loadImagePaths(archive, manifest.assetManifestPath); });
+}
+
+// After the renderer failed with the archive's own message for damaged content, which image
+// it was: it opens them in the asset manifest's order, and those it opened sit in the cache,
+// so only the failing one is inflated again (in pieces, kept nowhere).
+std::string failingImage(const DemoArchive& archive, const DemoManifest& manifest, const std::string& message) {
+    if (message != "Failed to decompress demo archive entry" && message != "Failed to initialize demo archive decompressor") {
+        return "";
+    }
+    for (const std::string& image : loadImagePaths(archive, manifest.assetManifestPath)) {
+        try {
+            archive.stream(image, [](ArchiveBytes) {});
+        } catch (const std::runtime_error&) {
+            return image;
+        }
+    }
+    return "";
+}
+
+// ---------------------------------------------------------------------------------------------
 // [SECTION] Music length
 // ---------------------------------------------------------------------------------------------
 
@@ -45,11 +108,11 @@ struct ShowTiming {
     float renderEndSeconds = 0.0f;
 };
 
-ShowTiming timingFor(const DemoArchive& archive, const DemoManifest& manifest) {
+ShowTiming timingFor(const DemoArchive& archive, const DemoManifest& manifest, const std::string& archivePath) {
     ShowTiming timing;
 #if BRISVALE_CAPTURE_WITH_AUDIO
     if (manifest.audioPath.empty() || !archive.contains(manifest.audioPath)) return timing;
-    const ArchiveBytes music = archive.open(manifest.audioPath);
+    const ArchiveBytes music = readInShow(archivePath, manifest.audioPath, [&] { return archive.open(manifest.audioPath); });
     // The audio library takes a block that free() releases, whatever the result.
     void* block = std::malloc(music.size() == 0 ? 1 : music.size());
     if (block == nullptr) return timing;
@@ -70,6 +133,7 @@ ShowTiming timingFor(const DemoArchive& archive, const DemoManifest& manifest) {
 #else
     (void)archive;
     (void)manifest;
+    (void)archivePath;
 #endif
     return timing;
 }
@@ -103,53 +167,79 @@ private:
     std::vector<std::function<void()>> tasks_;
 };
 
-int capture(const CaptureOptions& options) {
-    auto device = gpu::Device::create({});
-    auto archive = DemoArchive::load(options.archivePath);
-    const DemoManifest manifest = loadDemoManifest(*archive, "demo.ini");
-    const std::uint32_t width = options.width.value_or(manifest.defaultWidth);
-    const std::uint32_t height = options.height.value_or(manifest.defaultHeight);
-    const std::vector<CaptureFrame> frames = planFrames(options, manifest.defaultFps);
-    const ShowTiming timing = timingFor(*archive, manifest);
+// PNG bytes of the surface's last presented image.
+std::vector<std::uint8_t> encodePng(gpu::OffscreenSurface& surface) {
+    const std::vector<std::uint8_t> rgba = surface.readbackRGBA();
+    std::vector<std::uint8_t> png;
+    auto append = [](void* context, void* data, int size) {
+        auto& out = *static_cast<std::vector<std::uint8_t>*>(context);
+        const auto* bytes = static_cast<const std::uint8_t*>(data);
+        out.insert(out.end(), bytes, bytes + size);
+    };
+    const int width = static_cast<int>(surface.presentedWidth());
+    if (stbi_write_png_to_func(append, &png, width, static_cast<int>(surface.presentedHeight()), 4, rgba.data(),
+                               width * 4) == 0) {
+        throw std::runtime_error("Failed to encode image");
+    }
+    return png;
+}
 
+int capture(const CaptureOptions& options) {
+    const std::string& showPath = options.archivePath;
+    auto archive = readInShow(showPath, "", [&] { return DemoArchive::load(showPath); });
+    const DemoManifest manifest = readInShow(showPath, "demo.ini", [&] { return loadDemoManifest(*archive, "demo.ini"); });
+    const auto [width, height] = captureSize(options, manifest.defaultWidth, manifest.defaultHeight);
+    const FramePlan frames(options, manifest.defaultFps);
+    checkShowText(*archive, manifest, showPath);
+    const ShowTiming timing = timingFor(*archive, manifest, showPath);
+
+    auto device = gpu::Device::create({});
     std::unique_ptr<gpu::OffscreenSurface> surface;
     if (device) surface = std::make_unique<gpu::OffscreenSurface>(*device, width, height);
     TaskQueue tasks;
     // A missing device reaches the renderer as null and fails with its own message.
-    Renderer renderer(device.get(), surface.get(), archive, manifest, tasks.poster());
-    renderer.resize({width, height});
+    std::unique_ptr<Renderer> renderer;
+    try {
+        renderer = std::make_unique<Renderer>(device.get(), surface.get(), archive, manifest, tasks.poster());
+    } catch (const std::runtime_error& error) {
+        const std::string image = failingImage(*archive, manifest, error.what());
+        if (image.empty()) throw;
+        throw std::runtime_error(inShow(showPath, image, error.what()));
+    }
+    renderer->resize({width, height});
     std::filesystem::create_directories(options.outputDirectory);
 
     // The pool can grow at most this often; a frame whose geometry did not fit is drawn again.
     constexpr int kMaxRedraws = 8;
-    for (std::size_t i = 0; i < frames.size(); ++i) {
-        const CaptureFrame& planned = frames[i];
-        std::fprintf(stderr, "\rCapturing frame %zu of %zu (t = %.3f s)", i + 1, frames.size(),
-                     static_cast<double>(planned.timeSeconds));
-        std::fflush(stderr);
-        FrameInfo frame;
-        frame.timeSeconds = planned.timeSeconds;
-        frame.deltaSeconds = planned.deltaSeconds;
-        frame.showDurationSeconds = timing.showDurationSeconds;
-        frame.renderEndSeconds = timing.renderEndSeconds;
-        for (int attempt = 0; attempt < kMaxRedraws; ++attempt) {
-            const std::uint64_t before = surface->presentedCount();
-            renderer.draw(frame);
-            if (surface->presentedCount() == before) throw std::runtime_error("No drawable for the frame");
-            device->waitIdle();
-            device->completions().drain();
-            if (tasks.run() == 0) break;  // growth applied before the next frame
+    try {
+        for (std::uint64_t i = 0; i < frames.size(); ++i) {
+            const CaptureFrame planned = frames.frame(i);
+            std::fprintf(stderr, "\rCapturing frame %llu of %llu (t = %.3f s)", static_cast<unsigned long long>(i + 1),
+                         static_cast<unsigned long long>(frames.size()), static_cast<double>(planned.timeSeconds));
+            std::fflush(stderr);
+            FrameInfo frame;
+            frame.timeSeconds = planned.timeSeconds;
+            frame.deltaSeconds = planned.deltaSeconds;
+            frame.showDurationSeconds = timing.showDurationSeconds;
+            frame.renderEndSeconds = timing.renderEndSeconds;
+            for (int attempt = 0; attempt < kMaxRedraws; ++attempt) {
+                const std::uint64_t before = surface->presentedCount();
+                renderer->draw(frame);
+                if (surface->presentedCount() == before) throw std::runtime_error("No drawable for the frame");
+                device->waitIdle();
+                device->completions().drain();
+                if (tasks.run() == 0) break;  // growth applied before the next frame
+            }
+            // A new file, or the old one replaced whole; never written through a FIFO or device.
+            replaceFileAtomically((std::filesystem::path(options.outputDirectory) / planned.fileName).string(),
+                                  encodePng(*surface));
         }
-        const std::vector<std::uint8_t> rgba = surface->readbackRGBA();
-        const std::string path = (std::filesystem::path(options.outputDirectory) / planned.fileName).string();
-        if (stbi_write_png(path.c_str(), static_cast<int>(surface->presentedWidth()),
-                           static_cast<int>(surface->presentedHeight()), 4, rgba.data(),
-                           static_cast<int>(surface->presentedWidth() * 4)) == 0) {
-            throw std::runtime_error("Failed to write image: " + path);
-        }
+    } catch (...) {
+        std::fputc('\n', stderr);  // ends the progress line
+        throw;
     }
-    std::fprintf(stderr, "\rCaptured %zu frame%s to %s\n", frames.size(), frames.size() == 1 ? "" : "s",
-                 options.outputDirectory.c_str());
+    std::fprintf(stderr, "\rCaptured %llu frame%s to %s\n", static_cast<unsigned long long>(frames.size()),
+                 frames.size() == 1 ? "" : "s", options.outputDirectory.c_str());
     if (device->validationMessageCount() != 0) {
         std::fprintf(stderr, "brisvale-capture: %u validation messages\n", device->validationMessageCount());
         return 1;
@@ -173,8 +263,11 @@ int main(int argc, char** argv) {
             return 0;
         }
         return capture(options);
+    } catch (const CaptureOptionError& error) {
+        std::fprintf(stderr, "brisvale-capture: %s\n", error.what());
+        return 2;
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "\nbrisvale-capture: %s\n", error.what());
+        std::fprintf(stderr, "brisvale-capture: %s\n", error.what());
         return 1;
     }
 }

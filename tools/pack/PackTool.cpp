@@ -5,13 +5,15 @@
 //   brisvale-pack --extract demo.dat DIR
 //
 // Packing is deterministic (sorted paths, fixed gzip header) and replaces the output file only
-// once the whole container is written. Every failure is one line on stderr and exit status 1
-// (2 for a wrong command line).
+// once the whole container is written; what it skips it names on stderr. Extracting creates new
+// files only and, when it fails, removes what it created. Every failure is one line on stderr
+// and exit status 1 (2 for a wrong command line).
 //
-// Sections: [usage] [pack] [list] [extract] [main]
+// Sections: [usage] [messages] [pack] [list] [extract] [main]
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -48,31 +50,131 @@ struct ToolError : std::runtime_error {
 constexpr const char* kUsage =
     "Usage:\n"
     "  brisvale-pack -o OUTPUT [--format 1|2] [--compress auto|all|none] DIR\n"
-    "      Packs every regular file under DIR, under its path relative to DIR.\n"
+    "      Packs every regular file under DIR, under its path relative to DIR. A symbolic\n"
+    "      link is packed as the file it leads to when that lies inside DIR; other links\n"
+    "      and special files are skipped with a note on stderr.\n"
     "      --format 2 (default) may hold gzip files; --format 1 stores files only.\n"
     "      --compress auto (default) gzips a file when that saves at least 10 %;\n"
     "      all gzips every file; none stores every file.\n"
     "  brisvale-pack --list ARCHIVE\n"
     "      One line per file: path, stored size, unpacked size, stored|gzip; then the total.\n"
     "  brisvale-pack --extract ARCHIVE DIR\n"
-    "      Writes every file back under DIR.\n"
+    "      Writes every file back under DIR as a new file; on failure nothing is left.\n"
     "  brisvale-pack --help\n";
+
+// [messages] -------------------------------------------------------------------------------
 
 std::string quoted(const std::string& text) {
     return "'" + text + "'";
 }
 
+// The length of the strict UTF-8 character at the start of `text` (shortest form, no
+// surrogates, nothing above U+10FFFF), or 0 when there is none.
+std::size_t utf8Length(std::string_view text) {
+    auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    const unsigned char lead = byte(0);
+    const std::size_t length = lead < 0x80                   ? 1
+                               : lead >= 0xC2 && lead <= 0xDF ? 2
+                               : lead >= 0xE0 && lead <= 0xEF ? 3
+                               : lead >= 0xF0 && lead <= 0xF4 ? 4
+                                                              : 0;
+    if (length == 0 || length > text.size()) {
+        return 0;
+    }
+    for (std::size_t i = 1; i < length; ++i) {
+        if ((byte(i) & 0xC0) != 0x80) {
+            return 0;
+        }
+    }
+    const bool outOfRange = (lead == 0xE0 && byte(1) < 0xA0) || (lead == 0xED && byte(1) >= 0xA0) ||
+                            (lead == 0xF0 && byte(1) < 0x90) || (lead == 0xF4 && byte(1) >= 0x90);
+    return outOfRange ? 0 : length;
+}
+
+// `name` safe to print: control characters (C0, DEL, C1) and bytes that are not UTF-8 become
+// \xNN, so a name can neither drive the terminal nor forge a line or column of the listing.
+// Archive keys never hold a backslash (it is a separator), so in them the escape is unambiguous.
+std::string printable(std::string_view name) {
+    std::string out;
+    for (std::size_t at = 0; at < name.size();) {
+        const std::size_t length = utf8Length(name.substr(at));
+        const auto lead = static_cast<unsigned char>(name[at]);
+        const bool control = (length == 1 && (lead < 0x20 || lead == 0x7F)) ||
+                             (length == 2 && lead == 0xC2 &&
+                              static_cast<unsigned char>(name[at + 1]) < 0xA0);
+        if (length != 0 && !control) {
+            out += name.substr(at, length);
+            at += length;
+            continue;
+        }
+        for (std::size_t i = 0; i < std::max<std::size_t>(length, 1); ++i) {
+            char escaped[5];
+            std::snprintf(escaped, sizeof escaped, "\\x%02X",
+                          static_cast<unsigned char>(name[at + i]));
+            out += escaped;
+        }
+        at += std::max<std::size_t>(length, 1);
+    }
+    return out;
+}
+
+std::string shown(const fs::path& path) {
+    return printable(path.string());
+}
+
+// Puts the archive's path (and an entry's) in front of a content error, unless the message
+// already ends with it, as the reader's file errors do.
+std::string inArchive(const std::string& archivePath, const std::string& message,
+                      const std::string& key = {}) {
+    const std::string ownEnd = ": " + archivePath;
+    const bool named = message.size() >= ownEnd.size() &&
+                       message.compare(message.size() - ownEnd.size(), ownEnd.size(), ownEnd) == 0;
+    return (named ? "" : archivePath + ": ") + (key.empty() ? "" : key + ": ") + message;
+}
+
+std::shared_ptr<DemoArchive> loadArchive(const std::string& archivePath) {
+    try {
+        return DemoArchive::load(archivePath);
+    } catch (const std::runtime_error& e) {
+        throw ToolError(inArchive(archivePath, e.what()));
+    }
+}
+
 // [pack] -----------------------------------------------------------------------------------
 
-std::vector<std::uint8_t> readWholeFile(const fs::path& path) {
+// The reader inflates a file in one zlib call, which counts in 32 bits.
+constexpr std::uint64_t kMaxPackedFile = std::uint64_t{4} << 30;
+
+// The content of the regular file at `path`; `name` is its archive path, for messages.
+std::vector<std::uint8_t> readRegularFile(const fs::path& path, const std::string& name) {
     auto fail = [&](int error) {
-        return ToolError("cannot read " + path.string() + ": " + std::strerror(error));
+        return ToolError("cannot read " + shown(path) + ": " + std::strerror(error));
     };
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // O_NONBLOCK: a FIFO swapped in after the walk looked must not block the open.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) {
         throw fail(errno);
     }
+    struct Closer {
+        int fd;
+        ~Closer() { ::close(fd); }
+    } closer{fd};
+    struct stat status {};
+    if (::fstat(fd, &status) != 0) {
+        throw fail(errno);
+    }
+    if (!S_ISREG(status.st_mode)) {
+        throw ToolError("cannot read " + shown(path) + ": not a regular file");
+    }
+    auto tooLarge = [&] {
+        return ToolError("cannot pack " + quoted(printable(name)) +
+                         ": files of 4 GiB or more cannot be stored");
+    };
+    if (static_cast<std::uint64_t>(status.st_size) >= kMaxPackedFile) {
+        throw tooLarge();
+    }
     std::vector<std::uint8_t> bytes;
+    bytes.reserve(static_cast<std::size_t>(status.st_size));
     std::uint8_t chunk[1 << 16];
     while (true) {
         const ssize_t n = ::read(fd, chunk, sizeof chunk);
@@ -80,48 +182,98 @@ std::vector<std::uint8_t> readWholeFile(const fs::path& path) {
             continue;
         }
         if (n < 0) {
-            const int error = errno;
-            ::close(fd);
-            throw fail(error);
+            throw fail(errno);
         }
         if (n == 0) {
             break;
         }
         bytes.insert(bytes.end(), chunk, chunk + n);
+        if (bytes.size() >= kMaxPackedFile) { // it grew while being read
+            throw tooLarge();
+        }
     }
-    ::close(fd);
     return bytes;
 }
 
-// Every regular file under `root`, sorted by archive path; `output` itself is left out, so a
-// container written into the directory it packs is not packed into its successor.
+const char* fileKind(const fs::file_status& status) {
+    switch (status.type()) {
+    case fs::file_type::fifo: return "a FIFO";
+    case fs::file_type::socket: return "a socket";
+    case fs::file_type::block: return "a block device";
+    case fs::file_type::character: return "a character device";
+    default: return "not a regular file";
+    }
+}
+
+// Why the symbolic link `link` is not packed, or "" when it leads to a regular file inside the
+// tree; `source` is then that file, whose content is packed under the link's name.
+std::string linkSkipReason(const fs::path& link, const fs::path& canonicalRoot, fs::path& source) {
+    std::error_code error;
+    const fs::path target = fs::canonical(link, error);
+    if (error) {
+        return "symbolic link that leads nowhere (" + error.message() + ")";
+    }
+    const fs::path inside = target.lexically_relative(canonicalRoot);
+    if (inside.empty() || *inside.begin() == "..") {
+        return "symbolic link to " + shown(target) + ", outside the directory";
+    }
+    const fs::file_status status = fs::status(target, error);
+    if (fs::is_directory(status)) {
+        return "symbolic link to a directory, not followed";
+    }
+    if (!fs::is_regular_file(status)) {
+        return std::string("symbolic link to ") + fileKind(status);
+    }
+    source = target;
+    return "";
+}
+
+// Every regular file under `root`, sorted by archive path. Symbolic links are packed only when
+// they lead to a regular file inside `root` (as that file's content, under the link's name);
+// links elsewhere, links to directories, dangling links and anything that is no regular file
+// are skipped, each with one line on stderr. `output` itself is skipped too, so a container
+// written into the directory it packs is not packed into its successor.
 std::vector<ArchiveFile> collectFiles(const fs::path& root, const fs::path& output) {
     std::error_code error;
     if (!fs::is_directory(root, error)) {
-        throw ToolError("not a directory: " + root.string());
+        throw ToolError("not a directory: " + shown(root));
     }
+    const fs::path canonicalRoot = fs::canonical(root, error);
     std::vector<ArchiveFile> files;
     fs::recursive_directory_iterator walk(root, error);
     for (; !error && walk != fs::recursive_directory_iterator(); walk.increment(error)) {
-        const fs::directory_entry& entry = *walk;
+        const fs::path& path = walk->path();
+        const std::string name = path.lexically_relative(root).generic_string();
         std::error_code statusError;
-        if (!entry.is_regular_file(statusError)) {
+        const fs::file_status status = walk->symlink_status(statusError);
+        if (fs::is_directory(status)) {
             continue;
         }
-        if (fs::equivalent(entry.path(), output, statusError)) {
+        fs::path source = path;
+        std::string skipped;
+        if (fs::is_symlink(status)) {
+            skipped = linkSkipReason(path, canonicalRoot, source);
+        } else if (!fs::is_regular_file(status)) {
+            skipped = fileKind(status);
+        }
+        if (skipped.empty() && fs::equivalent(source, output, statusError)) {
+            skipped = "the output file itself";
+        }
+        if (!skipped.empty()) {
+            std::fprintf(stderr, "brisvale-pack: skipped %s: %s\n", quoted(printable(name)).c_str(),
+                         skipped.c_str());
             continue;
         }
-        const std::string path = entry.path().lexically_relative(root).generic_string();
         // Names are stored as written; one that the reader would read differently (a
         // backslash is a separator inside the archive) would come back as another file.
-        if (brisvale::normalizeArchivePath(path) != path) {
-            throw ToolError("cannot pack " + quoted(path) +
+        if (brisvale::normalizeArchivePath(name) != name) {
+            throw ToolError("cannot pack " + quoted(printable(name)) +
                             ": its name would read as a different archive path");
         }
-        files.push_back({path, readWholeFile(entry.path())});
+        files.push_back({name, readRegularFile(source, name)});
     }
     if (error) {
-        throw ToolError("cannot read directory " + root.string() + ": " + error.message());
+        throw ToolError("cannot read directory " + shown(root) + ": " + error.message());
     }
     std::sort(files.begin(), files.end(),
               [](const ArchiveFile& a, const ArchiveFile& b) { return a.path < b.path; });
@@ -146,17 +298,19 @@ int pack(const std::string& output, const std::string& directory,
 
 // [list] -----------------------------------------------------------------------------------
 
+// A gzip entry whose declared size cannot be right shows "?" and is left out of the total.
 int list(const std::string& archivePath) {
-    const auto archive = DemoArchive::load(archivePath);
+    const auto archive = loadArchive(archivePath);
     std::uint64_t stored = 0;
     std::uint64_t unpacked = 0;
     for (const auto& [path, entry] : archive->entries()) {
         const bool gzip = (entry.flags & DemoArchive::kGzipFlag) != 0;
-        std::printf("%s\t%llu\t%llu\t%s\n", path.c_str(),
+        const std::optional<std::uint64_t> size = DemoArchive::contentSize(entry);
+        std::printf("%s\t%llu\t%s\t%s\n", printable(path).c_str(),
                     static_cast<unsigned long long>(entry.storedSize),
-                    static_cast<unsigned long long>(entry.unpackedSize), gzip ? "gzip" : "stored");
+                    size ? std::to_string(*size).c_str() : "?", gzip ? "gzip" : "stored");
         stored += entry.storedSize;
-        unpacked += entry.unpackedSize;
+        unpacked += size.value_or(0);
     }
     std::printf("total: %zu files\t%llu\t%llu\n", archive->entries().size(),
                 static_cast<unsigned long long>(stored), static_cast<unsigned long long>(unpacked));
@@ -165,57 +319,104 @@ int list(const std::string& archivePath) {
 
 // [extract] --------------------------------------------------------------------------------
 
+// What this run created, removed again (files and then their directories, newest first)
+// unless the extraction finished: a failed run leaves the destination as it found it.
+class CreatedPaths {
+public:
+    CreatedPaths() = default;
+    CreatedPaths(const CreatedPaths&) = delete;
+    CreatedPaths& operator=(const CreatedPaths&) = delete;
+    ~CreatedPaths() {
+        for (auto it = paths_.rbegin(); it != paths_.rend(); ++it) {
+            std::remove(it->c_str()); // a file, or a directory that is empty by now
+        }
+    }
+    void add(const fs::path& path) { paths_.push_back(path); }
+    void keep() { paths_.clear(); }
+
+private:
+    std::vector<fs::path> paths_;
+};
+
+// Creates the directory `path` unless it exists, recording it; says why when it cannot.
+void makeDirectory(const fs::path& path, CreatedPaths& created) {
+    if (::mkdir(path.c_str(), 0755) == 0) {
+        created.add(path);
+    } else if (errno != EEXIST) {
+        throw ToolError("cannot create " + shown(path) + ": " + std::strerror(errno));
+    }
+}
+
+// Creates `root` and any of its missing parents.
+void makeRoot(const fs::path& root, CreatedPaths& created) {
+    fs::path at;
+    for (const fs::path& segment : root) {
+        at /= segment;
+        makeDirectory(at, created);
+    }
+    std::error_code error;
+    if (!fs::is_directory(root, error)) {
+        throw ToolError("not a directory: " + shown(root));
+    }
+}
+
 // Creates each directory of `relative` under `root`, refusing to pass through a symbolic link
 // (which could lead outside `root`) or a file.
-void makeParents(const fs::path& root, const fs::path& relative, const std::string& key) {
+void makeParents(const fs::path& root, const fs::path& relative, const std::string& key,
+                 CreatedPaths& created) {
     fs::path at = root;
     for (const fs::path& segment : relative.parent_path()) {
         at /= segment;
-        std::error_code error;
-        const fs::file_status status = fs::symlink_status(at, error);
-        if (fs::is_symlink(status)) {
-            throw ToolError("refusing " + quoted(key) + ": " + at.string() +
-                            " is a symbolic link and could lead outside " + root.string());
+        makeDirectory(at, created);
+        struct stat status {};
+        if (::lstat(at.c_str(), &status) != 0) {
+            throw ToolError("cannot create " + shown(at) + ": " + std::strerror(errno));
         }
-        if (!fs::exists(status) && !fs::create_directory(at, error) && error) {
-            throw ToolError("cannot create " + at.string() + ": " + error.message());
+        if (S_ISLNK(status.st_mode)) {
+            throw ToolError("refusing " + quoted(printable(key)) + ": " + shown(at) +
+                            " is a symbolic link and could lead outside " + shown(root));
         }
-        if (!fs::is_directory(at, error)) {
-            throw ToolError("cannot extract " + quoted(key) + ": " + at.string() +
+        if (!S_ISDIR(status.st_mode)) {
+            throw ToolError("cannot extract " + quoted(printable(key)) + ": " + shown(at) +
                             " is not a directory");
         }
     }
 }
 
-// Writes `content` to `path`, never through a symbolic link at the last step either.
-void writeExtracted(const fs::path& path, brisvale::ArchiveBytes content, const std::string& key) {
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+// Streams the entry `key` into the new file `path`. O_EXCL: an existing name (a file, a link,
+// a hard link to something outside) is never opened for writing.
+void writeExtracted(const DemoArchive& archive, const std::string& key, const fs::path& path,
+                    CreatedPaths& created) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
     if (fd < 0) {
-        throw ToolError("cannot write " + quoted(key) + " to " + path.string() + ": " +
+        throw ToolError("cannot write " + quoted(printable(key)) + " to " + shown(path) + ": " +
                         std::strerror(errno));
     }
-    std::size_t done = 0;
-    while (done < content.size()) {
-        const ssize_t n = ::write(fd, content.data() + done, content.size() - done);
-        if (n < 0 && errno == EINTR) {
-            continue;
+    created.add(path);
+    struct Closer {
+        int fd;
+        ~Closer() { ::close(fd); }
+    } closer{fd};
+    archive.stream(key, [&](brisvale::ArchiveBytes piece) {
+        while (!piece.empty()) {
+            const ssize_t n = ::write(fd, piece.data(), piece.size());
+            if (n < 0 && errno == EINTR) {
+                continue;
+            }
+            if (n <= 0) {
+                throw ToolError("cannot write " + shown(path) + ": " + std::strerror(errno));
+            }
+            piece = piece.subspan(static_cast<std::size_t>(n));
         }
-        if (n <= 0) {
-            const int saved = errno;
-            ::close(fd);
-            throw ToolError("cannot write " + path.string() + ": " + std::strerror(saved));
-        }
-        done += static_cast<std::size_t>(n);
-    }
-    if (::close(fd) != 0) {
-        throw ToolError("cannot write " + path.string() + ": " + std::strerror(errno));
-    }
+    });
 }
 
 int extract(const std::string& archivePath, const std::string& directory) {
-    const auto archive = DemoArchive::load(archivePath);
+    const auto archive = loadArchive(archivePath);
     // Keys are canonical, so no ".." can climb out; an empty key names no file at all, and a
-    // NUL byte cannot be part of a file name. Checked for all entries before writing any.
+    // NUL byte cannot be part of a file name. Sizes are summed to be checked against the free
+    // space. All of it before anything is written.
+    std::uint64_t bytes = 0;
     for (const auto& [key, entry] : archive->entries()) {
         if (key.empty()) {
             throw ToolError("refusing an entry with an empty path in " + archivePath);
@@ -223,21 +424,37 @@ int extract(const std::string& archivePath, const std::string& directory) {
         if (key.find('\0') != std::string::npos) {
             throw ToolError("refusing an entry whose path holds a NUL byte in " + archivePath);
         }
+        const std::optional<std::uint64_t> size = DemoArchive::contentSize(entry);
+        if (!size) {
+            const std::string claim = "declares " + std::to_string(entry.unpackedSize) +
+                                      " bytes, more than it can hold";
+            throw ToolError(inArchive(archivePath, claim, printable(key)));
+        }
+        bytes += *size; // under 4 GiB each, and a 512 MiB directory holds too few to wrap
     }
     const fs::path root(directory);
-    std::error_code error;
-    fs::create_directories(root, error);
-    if (!fs::is_directory(root, error)) {
-        throw ToolError("not a directory: " + directory);
+    CreatedPaths created;
+    makeRoot(root, created);
+    struct statvfs space {};
+    const bool known = ::statvfs(root.c_str(), &space) == 0;
+    const std::uint64_t free = std::uint64_t{space.f_bavail} * space.f_frsize;
+    if (known && bytes > free) {
+        throw ToolError("cannot extract " + archivePath + ": its files take " +
+                        std::to_string(bytes) + " bytes, " + directory + " has " +
+                        std::to_string(free) + " free");
     }
-    std::uint64_t bytes = 0;
     for (const auto& [key, entry] : archive->entries()) {
         const fs::path relative(key);
-        makeParents(root, relative, key);
-        const brisvale::ArchiveBytes content = archive->open(key);
-        writeExtracted(root / relative, content, key);
-        bytes += content.size();
+        makeParents(root, relative, key, created);
+        try {
+            writeExtracted(*archive, key, root / relative, created);
+        } catch (const ToolError&) {
+            throw;
+        } catch (const std::runtime_error& e) { // the reader's own message: say where
+            throw ToolError(inArchive(archivePath, e.what(), printable(key)));
+        }
     }
+    created.keep();
     std::printf("Extracted %zu files (%llu bytes) into %s\n", archive->entries().size(),
                 static_cast<unsigned long long>(bytes), directory.c_str());
     return 0;
