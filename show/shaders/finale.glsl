@@ -23,7 +23,7 @@ vec3 finaleSky(vec2 q, float t) {
     col += vec3(0.85, 0.88, 1.0) * star * (0.5 + 0.5 * sin(t * 1.7 + hash12(starCell + 1.0) * 20.0)) * 0.7;
     // A slow band of haze crossing the sky.
     float band = exp(-pow((q.y - 0.15 * sin(q.x * 1.5 + ft * 0.05)) * 4.0, 2.0));
-    col += vec3(0.25, 0.12, 0.18) * band * (0.6 + 0.4 * fbm(q * 3.0 + vec2(ft * 0.03, 0.0)));
+    col += vec3(0.25, 0.12, 0.18) * band * (0.6 + 0.4 * fbm(q * 3.0 + vec2(ft * 0.03, 0.0), 3));
     return col;
 }
 
@@ -125,8 +125,8 @@ void finaleCompute(uint i) {
 
 #ifdef BRISVALE_FRAGMENT
 // Composite over the finished scene: fog by distance, ink where depth jumps, and the
-// fade to black as the music ends.
-vec4 finaleComposite(vec2 fragCoord, vec2 uv, float t) {
+// fade to black as the music ends. `grain` is the pixel's dithering noise, 0..1.
+vec4 finaleComposite(vec2 uv, float t, float grain) {
     ivec2 size = textureSize(sceneDepth, 0);
     ivec2 texel = clamp(ivec2(uv * vec2(size)), ivec2(0), size - 1);
     float d = texelFetch(sceneDepth, texel, 0).r;
@@ -150,7 +150,7 @@ vec4 finaleComposite(vec2 fragCoord, vec2 uv, float t) {
     float fade = easeInOut((t - (songEnd - 5.0)) / 5.0);
     over = vec4((vec3(0.0) * fade + over.rgb * over.a * (1.0 - fade)) / max(fade + over.a * (1.0 - fade), 1e-4),
                 fade + over.a * (1.0 - fade));
-    over.a = saturate(over.a + (hash12(fragCoord + t) - 0.5) / 255.0);
+    over.a = saturate(over.a + (grain - 0.5) / 255.0);
     return over;
 }
 #endif

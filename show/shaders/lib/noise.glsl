@@ -26,19 +26,24 @@ float valueNoise(vec2 p) {
     return mix(mix(a, b, u.x), mix(c, d, u.x), u.y);
 }
 
-float fbm(vec2 p) {
-    float sum = 0.0, amp = 0.5;
-    for (int i = 0; i < 5; ++i) {
+// A fractal sum of `octaves` layers (a constant at every call, so the loop unrolls), scaled
+// to 0..1. Each layer costs four hashes per pixel: use no more than the picture shows.
+float fbm(vec2 p, int octaves) {
+    float sum = 0.0, amp = 0.5, total = 0.0;
+    for (int i = 0; i < octaves; ++i) {
         sum += amp * valueNoise(p);
+        total += amp;
         p = mat2(1.6, 1.2, -1.2, 1.6) * p + vec2(3.1, 7.7);
         amp *= 0.5;
     }
-    return sum / 0.96875;
+    return sum / total;
+}
+
+// Two uniform random numbers per pixel and frame; every pass dithers with these.
+vec2 pixelGrain(vec2 fragCoord, float t) {
+    vec2 p = fragCoord + fract(t * 7.13) * 97.0;
+    return vec2(hash12(p), hash12(p + 19.19));
 }
 
 // Triangular noise of one 8-bit step, against banding in smooth gradients.
-vec3 ditherNoise(vec2 fragCoord, float t) {
-    vec2 p = fragCoord + fract(t * 7.13) * 97.0;
-    float n = hash12(p) + hash12(p + 19.19) - 1.0;
-    return vec3(n / 255.0);
-}
+vec3 ditherNoise(vec2 grain) { return vec3((grain.x + grain.y - 1.0) / 255.0); }
