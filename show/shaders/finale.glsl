@@ -127,14 +127,15 @@ void finaleCompute(uint i) {
 // Composite over the finished scene: fog by distance, ink where depth jumps, and the
 // fade to black as the music ends. `grain` is the pixel's dithering noise, 0..1.
 vec4 finaleComposite(vec2 uv, float t, float grain) {
-    ivec2 size = textureSize(sceneDepth, 0);
-    ivec2 texel = clamp(ivec2(uv * vec2(size)), ivec2(0), size - 1);
-    float d = texelFetch(sceneDepth, texel, 0).r;
+    // Two gathers give the texel and its four neighbours (clamped at the edges by the sampler).
+    vec2 size = vec2(textureSize(sceneDepth, 0));
+    vec2 texel = clamp(floor(uv * size), vec2(0.0), size - 1.0);
+    vec4 upLeft = textureGather(sceneDepth, texel / size);              // x left, y centre, z up
+    vec4 downRight = textureGather(sceneDepth, (texel + 1.0) / size);   // x down, z right
+    float d = upLeft.y;
     float z = linearDepth(d);
-    float dl = linearDepth(texelFetch(sceneDepth, clamp(texel + ivec2(-1, 0), ivec2(0), size - 1), 0).r);
-    float dr = linearDepth(texelFetch(sceneDepth, clamp(texel + ivec2(1, 0), ivec2(0), size - 1), 0).r);
-    float du = linearDepth(texelFetch(sceneDepth, clamp(texel + ivec2(0, -1), ivec2(0), size - 1), 0).r);
-    float dd = linearDepth(texelFetch(sceneDepth, clamp(texel + ivec2(0, 1), ivec2(0), size - 1), 0).r);
+    float dl = linearDepth(upLeft.x), dr = linearDepth(downRight.z);
+    float du = linearDepth(upLeft.z), dd = linearDepth(downRight.x);
     float jump = max(max(abs(dl - z), abs(dr - z)), max(abs(du - z), abs(dd - z)));
     float ink = smoothstep(0.08, 0.3, jump / max(z, 1.0)) * 0.65;
 
