@@ -23,7 +23,7 @@ vec3 finaleSky(vec2 q, float t) {
     col += vec3(0.85, 0.88, 1.0) * star * (0.5 + 0.5 * sin(t * 1.7 + hash12(starCell + 1.0) * 20.0)) * 0.7;
     // A slow band of haze crossing the sky.
     float band = exp(-pow((q.y - 0.15 * sin(q.x * 1.5 + ft * 0.05)) * 4.0, 2.0));
-    col += vec3(0.25, 0.12, 0.18) * band * (0.6 + 0.4 * fbm(q * 3.0 + vec2(ft * 0.03, 0.0), 3));
+    col += vec3(0.25, 0.12, 0.18) * band * (0.6 + 0.4 * fbm(q * 3.0 + vec2(ft * 0.03, 0.0), 2));
     return col;
 }
 

@@ -57,7 +57,7 @@ vec3 sceneHarbour(vec2 q, float t, float beatPulse) {
     const float horizon = -0.12;
     bool water = q.y <= horizon;
     float depth = max(horizon - q.y, 0.0);
-    float ripple = (fbm(vec2(q.x * 8.0, depth * 40.0 - t * 0.8), 3) - 0.5) * 0.06 * (0.3 + depth * 3.0);
+    float ripple = (fbm(vec2(q.x * 8.0, depth * 40.0 - t * 0.8), 2) - 0.5) * 0.06 * (0.3 + depth * 3.0);
     vec2 p = water ? vec2(q.x + ripple, 2.0 * horizon - q.y) : q;
     vec3 sky = nightSky(p, t, 0.3);
     vec3 lanterns = lanternField(p, t, 0.45, 1.0);
@@ -87,7 +87,7 @@ vec3 sceneMarble(vec2 q, float t, float beatPulse, float ramp, float speed) {
     a = abs(mod(a + t * 0.05 * speed, seg) - seg * 0.5);
     vec2 k = vec2(cos(a), sin(a)) * r;
     vec2 uv = k * (0.55 - 0.08 * beatPulse) + vec2(t * 0.02 * speed, t * 0.013 * speed);
-    uv += 0.05 * vec2(fbm(uv * 3.0 + t * 0.1, 3), fbm(uv * 3.0 - t * 0.1, 3));
+    uv += 0.05 * vec2(fbm(uv * 3.0 + t * 0.1, 2), fbm(uv * 3.0 - t * 0.1, 2));
     vec3 m = image(fract(uv), LAYER_MARBLE).rgb;
     float lum = dot(m, vec3(0.3, 0.5, 0.2));
     vec3 col = mix(m, paletteRamp(lum * 1.1 + t * 0.01, ramp), 0.55);
@@ -115,7 +115,7 @@ vec3 auroraSky(vec2 p, float t, float beatPulse) {
     vec3 col = nightSky(p + vec2(0.0, 0.1), t, 0.0) * vec3(0.55, 0.75, 1.0);
     for (int i = 0; i < 4; ++i) {
         float fi = float(i);
-        float curve = 0.06 + 0.09 * fi + 0.14 * (fbm(vec2(p.x * 1.3 + t * 0.05 * (1.0 + fi), fi * 3.1), 3) - 0.5);
+        float curve = 0.06 + 0.09 * fi + 0.14 * (fbm(vec2(p.x * 1.3 + t * 0.05 * (1.0 + fi), fi * 3.1), 2) - 0.5);
         float above = p.y - curve;
         float curtain = exp(-max(above, 0.0) * (4.5 - fi * 0.6)) * smoothstep(-0.05, 0.0, above);
         float rays = 0.5 + 0.5 * valueNoise(vec2(p.x * 28.0 + fi * 9.0, t * 0.3));
@@ -130,7 +130,7 @@ vec3 sceneAurora(vec2 q, float t, float beatPulse) {
     const float horizon = -0.1;
     bool water = q.y <= horizon;
     float depth = max(horizon - q.y, 0.0);
-    vec2 ripple = vec2(fbm(vec2(q.x * 6.0, depth * 50.0 - t * 0.7), 3) - 0.5, 0.0) * 0.08 * (0.2 + depth * 3.0);
+    vec2 ripple = vec2(fbm(vec2(q.x * 6.0, depth * 50.0 - t * 0.7), 2) - 0.5, 0.0) * 0.08 * (0.2 + depth * 3.0);
     vec3 sky = auroraSky(water ? vec2(q.x, horizon + depth * 1.6) + ripple : q, t, beatPulse);
     float ridge = horizon + 0.02 + 0.07 * fbm(vec2(q.x * 2.5 + 4.0, 0.5), 4) + 0.02 * valueNoise(vec2(q.x * 20.0, 1.0));
     if (q.y > ridge) return sky;
@@ -138,7 +138,7 @@ vec3 sceneAurora(vec2 q, float t, float beatPulse) {
         // The ridge: near black, lit faintly from above by the aurora.
         return vec3(0.015, 0.025, 0.035) + vec3(0.05, 0.12, 0.08) * smoothstep(horizon, ridge, q.y) * (0.6 + 0.4 * fbm(q * 30.0, 2));
     }
-    float glint = smoothstep(0.75, 0.95, fbm(vec2(q.x * 40.0, depth * 160.0 - t), 3));
+    float glint = smoothstep(0.75, 0.95, fbm(vec2(q.x * 40.0, depth * 160.0 - t), 2));
     return sky * (0.45 - 0.3 * smoothstep(0.0, 0.4, depth)) + vec3(0.1, 0.2, 0.15) * glint * 0.3;
 }
 
