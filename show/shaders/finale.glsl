@@ -23,7 +23,7 @@ vec3 finaleSky(vec2 q, float t) {
     col += vec3(0.85, 0.88, 1.0) * star * (0.5 + 0.5 * sin(t * 1.7 + hash12(starCell + 1.0) * 20.0)) * 0.7;
     // A slow band of haze crossing the sky.
     float band = exp(-pow((q.y - 0.15 * sin(q.x * 1.5 + ft * 0.05)) * 4.0, 2.0));
-    col += vec3(0.25, 0.12, 0.18) * band * (0.6 + 0.4 * fbm(q * 3.0 + vec2(ft * 0.03, 0.0)));
+    col += vec3(0.25, 0.12, 0.18) * band * (0.6 + 0.4 * fbm(q * 3.0 + vec2(ft * 0.03, 0.0), 2));
     return col;
 }
 
@@ -125,16 +125,17 @@ void finaleCompute(uint i) {
 
 #ifdef BRISVALE_FRAGMENT
 // Composite over the finished scene: fog by distance, ink where depth jumps, and the
-// fade to black as the music ends.
-vec4 finaleComposite(vec2 fragCoord, vec2 uv, float t) {
-    ivec2 size = textureSize(sceneDepth, 0);
-    ivec2 texel = clamp(ivec2(uv * vec2(size)), ivec2(0), size - 1);
-    float d = texelFetch(sceneDepth, texel, 0).r;
+// fade to black as the music ends. `grain` is the pixel's dithering noise, 0..1.
+vec4 finaleComposite(vec2 uv, float t, float grain) {
+    // Two gathers give the texel and its four neighbours (clamped at the edges by the sampler).
+    vec2 size = vec2(textureSize(sceneDepth, 0));
+    vec2 texel = clamp(floor(uv * size), vec2(0.0), size - 1.0);
+    vec4 upLeft = textureGather(sceneDepth, texel / size);              // x left, y centre, z up
+    vec4 downRight = textureGather(sceneDepth, (texel + 1.0) / size);   // x down, z right
+    float d = upLeft.y;
     float z = linearDepth(d);
-    float dl = linearDepth(texelFetch(sceneDepth, clamp(texel + ivec2(-1, 0), ivec2(0), size - 1), 0).r);
-    float dr = linearDepth(texelFetch(sceneDepth, clamp(texel + ivec2(1, 0), ivec2(0), size - 1), 0).r);
-    float du = linearDepth(texelFetch(sceneDepth, clamp(texel + ivec2(0, -1), ivec2(0), size - 1), 0).r);
-    float dd = linearDepth(texelFetch(sceneDepth, clamp(texel + ivec2(0, 1), ivec2(0), size - 1), 0).r);
+    float dl = linearDepth(upLeft.x), dr = linearDepth(downRight.z);
+    float du = linearDepth(upLeft.z), dd = linearDepth(downRight.x);
     float jump = max(max(abs(dl - z), abs(dr - z)), max(abs(du - z), abs(dd - z)));
     float ink = smoothstep(0.08, 0.3, jump / max(z, 1.0)) * 0.65;
 
@@ -150,7 +151,7 @@ vec4 finaleComposite(vec2 fragCoord, vec2 uv, float t) {
     float fade = easeInOut((t - (songEnd - 5.0)) / 5.0);
     over = vec4((vec3(0.0) * fade + over.rgb * over.a * (1.0 - fade)) / max(fade + over.a * (1.0 - fade), 1e-4),
                 fade + over.a * (1.0 - fade));
-    over.a = saturate(over.a + (hash12(fragCoord + t) - 0.5) / 255.0);
+    over.a = saturate(over.a + (grain - 0.5) / 255.0);
     return over;
 }
 #endif

@@ -78,16 +78,15 @@ void introCompute(uint i) {
 
 #ifdef BRISVALE_FRAGMENT
 // Drawn over the lanterns: a fade from black, a vignette, and in the last second the
-// first scene of the middle section arriving over everything.
-vec4 introOverlay(vec2 fragCoord, vec2 uv, float t) {
-    vec2 q = (fragCoord - 0.5 * frame.resolution) / frame.resolution.y;
+// first scene of the middle section (`next`, already tone-mapped) arriving over everything.
+// `grain` is the pixel's dithering noise, 0..1.
+vec4 introOverlay(vec2 q, vec3 next, float t, float grain) {
     float vignette = smoothstep(0.45, 1.1, length(q)) * 0.6;
     float fromBlack = 1.0 - easeInOut(t / 0.8);
     float darkness = max(vignette, fromBlack);
-    vec4 over = vec4(vec3(0.0), darkness + (hash12(fragCoord + t) - 0.5) / 255.0);
+    vec4 over = vec4(vec3(0.0), darkness + (grain - 0.5) / 255.0);
     float handover = easeInOut((t - (INTRO_END - 1.0)) / 1.0);
     if (handover > 0.0) {
-        vec3 next = tonemap(middleScene(fragCoord, uv, t));
         over = vec4(mix(over.rgb * over.a, next, handover) / max(mix(over.a, 1.0, handover), 1e-4),
                     mix(over.a, 1.0, handover));
     }

@@ -50,23 +50,27 @@ layout(location = 0) in vec4 vColour;
 layout(location = 1) in vec2 vUv;
 layout(location = 0) out vec4 outColour;
 
+// Every pass runs this whole function on a software rasteriser, so what several passes
+// use (the grain, the scene picture) is computed once, before the pass decides.
 void scene_fragment() {
     float t = frame.timeSeconds;
     vec2 fragCoord = gl_FragCoord.xy;
+    vec2 q = (fragCoord - 0.5 * frame.resolution) / frame.resolution.y;
+    q.y = -q.y;  // fragCoord runs down the screen; scenes think y up
+    vec2 grain = pixelGrain(fragCoord, t);
+    vec3 dither = ditherNoise(grain);
+    // The middle's scenes, the intro's hand-over to them, and the finale's sky.
+    vec3 picture = tonemap(middleScene(q, t));
     if (frame.passIndex == 0u) {
-        outColour = vec4(clamp(vColour.rgb + ditherNoise(fragCoord, t), 0.0, 1.0), vColour.a);
+        outColour = vec4(clamp(vColour.rgb + dither, 0.0, 1.0), vColour.a);
     } else if (frame.passIndex == 1u) {
         if (t < INTRO_END) {
-            outColour = introOverlay(fragCoord, vUv, t);
-        } else if (t < FINALE_START) {
-            outColour = vec4(clamp(tonemap(middleScene(fragCoord, vUv, t)) + ditherNoise(fragCoord, t), 0.0, 1.0), 1.0);
+            outColour = introOverlay(q, picture, t, grain.x);
         } else {
-            vec2 q = (fragCoord - 0.5 * frame.resolution) / frame.resolution.y;
-            q.y = -q.y;
-            outColour = vec4(clamp(tonemap(finaleSky(q, t)) + ditherNoise(fragCoord, t), 0.0, 1.0), 1.0);
+            outColour = vec4(clamp(picture + dither, 0.0, 1.0), 1.0);
         }
     } else {
-        outColour = finaleComposite(fragCoord, vUv, t);
+        outColour = finaleComposite(vUv, t, grain.x);
     }
 }
 #endif

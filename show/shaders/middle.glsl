@@ -1,6 +1,12 @@
 // Middle (9.25 <= t < 142): one full-screen quad per frame. The scene follows the
 // music's sections, counted in bars from the show clock, with a one-beat crossfade
 // at each section change. Fragment stage only: everything here samples the images.
+//
+// Cost: a software rasteriser such as lavapipe runs every branch of a shader for every
+// pixel, taken or not, and every call is inlined. So each scene appears once in the whole
+// shader: the frame first makes a plan (which scenes, how much of each, their settings; the
+// same for every pixel), and the picture is the plan's weighted sum. A GPU skips the scenes
+// the plan leaves out. Noise keeps only the octaves that show.
 #ifdef BRISVALE_FRAGMENT
 
 vec4 image(vec2 uv, float layer) { return texture(images, vec3(uv, layer)); }
@@ -46,21 +52,19 @@ vec3 nightSky(vec2 q, float t, float warmth) {
 }
 
 // The harbour at night: sky, a low skyline, water with rippled reflections, lanterns.
+// The water mirrors the sky: one look-up of sky and lanterns serves both halves.
 vec3 sceneHarbour(vec2 q, float t, float beatPulse) {
     const float horizon = -0.12;
-    vec3 col;
-    if (q.y > horizon) {
-        col = nightSky(q, t, 0.3);
-        float skyline = horizon + 0.05 * valueNoise(vec2(q.x * 6.0, 1.0)) + 0.035 * step(0.6, valueNoise(vec2(q.x * 22.0, 2.0)));
-        if (q.y < skyline) col = vec3(0.02, 0.018, 0.03) + vec3(0.6, 0.4, 0.2) * step(0.97, hash12(floor(q * vec2(140.0, 90.0)))) * 0.6;
-        col += lanternField(q, t, 0.45, 1.0) * 0.9;
-    } else {
-        float depth = horizon - q.y;
-        vec2 ripple = vec2(fbm(vec2(q.x * 8.0, depth * 40.0 - t * 0.8)) - 0.5, 0.0) * 0.06 * (0.3 + depth * 3.0);
-        vec2 mirrored = vec2(q.x, 2.0 * horizon - q.y) + ripple;
-        col = nightSky(mirrored, t, 0.3) * 0.55 + lanternField(mirrored, t, 0.45, 1.0) * 0.5;
-        col *= 1.0 - 0.5 * smoothstep(0.0, 0.5, depth);
-    }
+    bool water = q.y <= horizon;
+    float depth = max(horizon - q.y, 0.0);
+    float ripple = (fbm(vec2(q.x * 8.0, depth * 40.0 - t * 0.8), 2) - 0.5) * 0.06 * (0.3 + depth * 3.0);
+    vec2 p = water ? vec2(q.x + ripple, 2.0 * horizon - q.y) : q;
+    vec3 sky = nightSky(p, t, 0.3);
+    vec3 lanterns = lanternField(p, t, 0.45, 1.0);
+    float skyline = horizon + 0.05 * valueNoise(vec2(q.x * 6.0, 1.0)) + 0.035 * step(0.6, valueNoise(vec2(q.x * 22.0, 2.0)));
+    if (!water && q.y < skyline) sky = vec3(0.02, 0.018, 0.03) + vec3(0.6, 0.4, 0.2) * step(0.97, hash12(floor(q * vec2(140.0, 90.0)))) * 0.6;
+    vec3 col = sky + lanterns * 0.9;
+    if (water) col = (sky * 0.55 + lanterns * 0.5) * (1.0 - 0.5 * smoothstep(0.0, 0.5, depth));
     col *= 1.0 + 0.25 * beatPulse;
 
     // The title card rises out of the dark and leaves before the melody comes in.
@@ -83,7 +87,7 @@ vec3 sceneMarble(vec2 q, float t, float beatPulse, float ramp, float speed) {
     a = abs(mod(a + t * 0.05 * speed, seg) - seg * 0.5);
     vec2 k = vec2(cos(a), sin(a)) * r;
     vec2 uv = k * (0.55 - 0.08 * beatPulse) + vec2(t * 0.02 * speed, t * 0.013 * speed);
-    uv += 0.05 * vec2(fbm(uv * 3.0 + t * 0.1), fbm(uv * 3.0 - t * 0.1));
+    uv += 0.05 * vec2(fbm(uv * 3.0 + t * 0.1, 2), fbm(uv * 3.0 - t * 0.1, 2));
     vec3 m = image(fract(uv), LAYER_MARBLE).rgb;
     float lum = dot(m, vec3(0.3, 0.5, 0.2));
     vec3 col = mix(m, paletteRamp(lum * 1.1 + t * 0.01, ramp), 0.55);
@@ -111,7 +115,7 @@ vec3 auroraSky(vec2 p, float t, float beatPulse) {
     vec3 col = nightSky(p + vec2(0.0, 0.1), t, 0.0) * vec3(0.55, 0.75, 1.0);
     for (int i = 0; i < 4; ++i) {
         float fi = float(i);
-        float curve = 0.06 + 0.09 * fi + 0.14 * (fbm(vec2(p.x * 1.3 + t * 0.05 * (1.0 + fi), fi * 3.1)) - 0.5);
+        float curve = 0.06 + 0.09 * fi + 0.14 * (fbm(vec2(p.x * 1.3 + t * 0.05 * (1.0 + fi), fi * 3.1), 2) - 0.5);
         float above = p.y - curve;
         float curtain = exp(-max(above, 0.0) * (4.5 - fi * 0.6)) * smoothstep(-0.05, 0.0, above);
         float rays = 0.5 + 0.5 * valueNoise(vec2(p.x * 28.0 + fi * 9.0, t * 0.3));
@@ -121,19 +125,21 @@ vec3 auroraSky(vec2 p, float t, float beatPulse) {
     return col;
 }
 
+// Below the horizon the water mirrors the aurora: one look-up of the sky serves both.
 vec3 sceneAurora(vec2 q, float t, float beatPulse) {
     const float horizon = -0.1;
-    float ridge = horizon + 0.02 + 0.07 * fbm(vec2(q.x * 2.5 + 4.0, 0.5)) + 0.02 * valueNoise(vec2(q.x * 20.0, 1.0));
-    if (q.y > ridge) return auroraSky(q, t, beatPulse);
+    bool water = q.y <= horizon;
+    float depth = max(horizon - q.y, 0.0);
+    vec2 ripple = vec2(fbm(vec2(q.x * 6.0, depth * 50.0 - t * 0.7), 2) - 0.5, 0.0) * 0.08 * (0.2 + depth * 3.0);
+    vec3 sky = auroraSky(water ? vec2(q.x, horizon + depth * 1.6) + ripple : q, t, beatPulse);
+    float ridge = horizon + 0.02 + 0.07 * fbm(vec2(q.x * 2.5 + 4.0, 0.5), 4) + 0.02 * valueNoise(vec2(q.x * 20.0, 1.0));
+    if (q.y > ridge) return sky;
     if (q.y > horizon) {
         // The ridge: near black, lit faintly from above by the aurora.
-        return vec3(0.015, 0.025, 0.035) + vec3(0.05, 0.12, 0.08) * smoothstep(horizon, ridge, q.y) * (0.6 + 0.4 * fbm(q * 30.0));
+        return vec3(0.015, 0.025, 0.035) + vec3(0.05, 0.12, 0.08) * smoothstep(horizon, ridge, q.y) * (0.6 + 0.4 * fbm(q * 30.0, 2));
     }
-    float depth = horizon - q.y;
-    vec2 ripple = vec2(fbm(vec2(q.x * 6.0, depth * 50.0 - t * 0.7)) - 0.5, 0.0) * 0.08 * (0.2 + depth * 3.0);
-    vec3 reflected = auroraSky(vec2(q.x, horizon + depth * 1.6) + ripple, t, beatPulse);
-    float glint = smoothstep(0.75, 0.95, fbm(vec2(q.x * 40.0, depth * 160.0 - t)));
-    return reflected * (0.45 - 0.3 * smoothstep(0.0, 0.4, depth)) + vec3(0.1, 0.2, 0.15) * glint * 0.3;
+    float glint = smoothstep(0.75, 0.95, fbm(vec2(q.x * 40.0, depth * 160.0 - t), 2));
+    return sky * (0.45 - 0.3 * smoothstep(0.0, 0.4, depth)) + vec3(0.1, 0.2, 0.15) * glint * 0.3;
 }
 
 int sceneIndex(float bar) {
@@ -152,36 +158,70 @@ float sceneFirstBar(int index) {
     return starts[index];
 }
 
-vec3 sceneColour(int index, vec2 q, float t) {
-    float pulse = kickPulse(t);
+// What the frame shows, the same for every pixel: the weight of each scene in the picture and
+// the settings of the marble and tunnel layers. Each of those has two slots, so that the two
+// scenes of a crossfade never need the same one.
+struct MarbleLayer { float weight, turn, ramp, speed; };
+struct TunnelLayer { float weight, speed, ramp; };
+struct MiddlePlan {
+    float harbour, aurora;
+    MarbleLayer marble[2];
+    TunnelLayer tunnel[2];
+};
+
+void addScene(inout MiddlePlan plan, int index, float weight, float t, float pulse) {
+    if (weight <= 0.0) return;
     float bar = barAt(t);
-    if (index == 0) return sceneHarbour(q, t, pulse);
-    if (index == 1) return sceneMarble(q, t, pulse, 0.0, 1.0);
-    if (index == 2) return sceneTunnel(q, t, pulse, 0.12, 4.0) * 1.3;
-    if (index == 3) return sceneMarble(q * rot2(t * 0.05), t, pulse, 5.0, 2.0);
-    if (index == 4) return mix(sceneMarble(q, t, pulse, 6.0, 2.5), sceneTunnel(q, t, pulse, 0.2, 6.0), 0.45);
-    if (index == 5) return sceneAurora(q, t, pulse);
-    if (index == 6) {
+    if (index == 0) {
+        plan.harbour = weight;
+    } else if (index == 1) {
+        plan.marble[0] = MarbleLayer(weight, 0.0, 0.0, 1.0);
+    } else if (index == 2) {
+        plan.tunnel[0] = TunnelLayer(weight * 1.3, 0.12, 4.0);
+    } else if (index == 3) {
+        plan.marble[1] = MarbleLayer(weight, t * 0.05, 5.0, 2.0);
+    } else if (index == 4) {
+        plan.marble[0] = MarbleLayer(weight * 0.55, 0.0, 6.0, 2.5);
+        plan.tunnel[1] = TunnelLayer(weight * 0.45, 0.2, 6.0);
+    } else if (index == 5) {
+        plan.aurora = weight;
+    } else if (index == 6) {
         // The build: the tunnel speeds up and brightens; the snare roll flickers it.
         float u = saturate((bar - 52.0) / 7.0);
         float roll = 1.0 + 0.25 * u * (0.5 + 0.5 * cos(beatAt(t) * TAU * (bar < 54.0 ? 1.0 : (bar < 56.0 ? 2.0 : 4.0))));
-        return sceneTunnel(q, t, pulse, 0.15 + 0.5 * u * u, 2.0) * (0.7 + 0.6 * u) * roll;
+        plan.tunnel[0] = TunnelLayer(weight * (0.7 + 0.6 * u) * roll, 0.15 + 0.5 * u * u, 2.0);
+    } else {
+        // The peak: everything at once, turning faster.
+        float gain = weight * (1.0 + 0.2 * pulse);
+        plan.marble[1] = MarbleLayer(gain * 0.65, t * 0.2, 5.0, 4.0);
+        plan.tunnel[1] = TunnelLayer(gain * 0.35, 0.5, 5.0);
     }
-    // The peak: everything at once, turning faster.
-    return mix(sceneMarble(q * rot2(t * 0.2), t, pulse, 5.0, 4.0), sceneTunnel(q, t, pulse, 0.5, 5.0), 0.35) * (1.0 + 0.2 * pulse);
 }
 
-vec3 middleScene(vec2 fragCoord, vec2 uv, float t) {
-    vec2 q = (fragCoord - 0.5 * frame.resolution) / frame.resolution.y;
-    q.y = -q.y;  // fragCoord runs down the screen; scenes think y up
+// The middle's picture at q; from the last beat before the finale on, the finale's sky.
+vec3 middleScene(vec2 q, float t) {
     float bar = barAt(t);
     int index = sceneIndex(bar);
-    vec3 col = sceneColour(index, q, t);
-    float intoSection = (bar - sceneFirstBar(index)) * 4.0;  // beats
-    if (index > 0 && intoSection < 1.0) col = mix(sceneColour(index - 1, q, t), col, easeInOut(intoSection));
-    // Hand over to the finale's sky in the last beat before it.
+    float pulse = kickPulse(t);
     float toFinale = easeInOut((t - (FINALE_START - BEAT_SECONDS)) / BEAT_SECONDS);
-    if (toFinale > 0.0) col = mix(col, finaleSky(q, t), toFinale);
+    float intoSection = (bar - sceneFirstBar(index)) * 4.0;  // beats
+    float incoming = index > 0 ? easeInOut(intoSection) : 1.0;
+
+    MiddlePlan plan = MiddlePlan(0.0, 0.0, MarbleLayer[2](MarbleLayer(0.0, 0.0, 0.0, 0.0), MarbleLayer(0.0, 0.0, 0.0, 0.0)),
+                                 TunnelLayer[2](TunnelLayer(0.0, 0.0, 0.0), TunnelLayer(0.0, 0.0, 0.0)));
+    addScene(plan, index, incoming * (1.0 - toFinale), t, pulse);
+    addScene(plan, index - 1, (1.0 - incoming) * (1.0 - toFinale), t, pulse);
+
+    vec3 col = vec3(0.0);
+    if (plan.harbour > 0.0) col += plan.harbour * sceneHarbour(q, t, pulse);
+    MarbleLayer m0 = plan.marble[0], m1 = plan.marble[1];
+    if (m0.weight > 0.0) col += m0.weight * sceneMarble(q * rot2(m0.turn), t, pulse, m0.ramp, m0.speed);
+    if (m1.weight > 0.0) col += m1.weight * sceneMarble(q * rot2(m1.turn), t, pulse, m1.ramp, m1.speed);
+    TunnelLayer t0 = plan.tunnel[0], t1 = plan.tunnel[1];
+    if (t0.weight > 0.0) col += t0.weight * sceneTunnel(q, t, pulse, t0.speed, t0.ramp);
+    if (t1.weight > 0.0) col += t1.weight * sceneTunnel(q, t, pulse, t1.speed, t1.ramp);
+    if (plan.aurora > 0.0) col += plan.aurora * sceneAurora(q, t, pulse);
+    if (toFinale > 0.0) col += toFinale * finaleSky(q, t);
     return col;
 }
 
