@@ -33,10 +33,11 @@ void AQOutputCallback(void* user, platform::OutputQueue* queue, platform::Output
     uint32_t frames = format.mBytesPerFrame != 0 ? buffer->capacityBytes / format.mBytesPerFrame : 0;
     const Status st = platform::decoderRead(p->song->extFile, &frames, buffer->data, buffer->capacityBytes);
     if (st != 0 || frames == 0) {
+        // The line goes out before the flags change, so whoever sees `done` sees the line too.
+        audio_log(msg::kReadFailedOrEof, st);
         p->done.store(1);
         p->running.store(0);
         platform::queueStop(queue, false);
-        audio_log(msg::kReadFailedOrEof, st);
         return;
     }
     audio_player_process_samples(p, buffer->data, frames, format);
