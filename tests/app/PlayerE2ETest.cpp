@@ -96,13 +96,14 @@ struct PlayerRun {
 
 class PlayerE2E : public ::testing::Test {
 protected:
+    // The loader adds the validation layer, whose messages reach the player's messenger.
     PlayerRun start(const Bundle& bundle, const std::map<std::string, std::string>& extraEnv = {}) {
         PlayerRun run;
         run.out = bundle.dir() / "stdout.txt";
         run.err = bundle.dir() / "stderr.txt";
         run.started = Clock::now();
         std::map<std::string, std::string> env{{"SDL_AUDIODRIVER", "dummy"},
-                                               {"BRISVALE_VULKAN_VALIDATION", "1"},
+                                               {"VK_INSTANCE_LAYERS", "VK_LAYER_KHRONOS_validation"},
                                                {"VK_ICD_FILENAMES", "/usr/share/vulkan/icd.d/lvp_icd.x86_64.json"}};
         for (const auto& [name, value] : extraEnv) env[name] = value;
         run.process = spawn({bundle.player().string()}, env, run.out, run.err);
@@ -272,7 +273,7 @@ TEST_F(PlayerE2E, WithoutAVulkanDeviceTheRendererRefusesTheLaunch) {
     bundle.pack(Bundle::testShow());
     // No driver, so nothing to validate (the loader's own complaints would come through the layer).
     PlayerRun run = start(bundle, {{"VK_ICD_FILENAMES", (bundle.dir() / "no-such-driver.json").string()},
-                                   {"BRISVALE_VULKAN_VALIDATION", "0"}});
+                                   {"VK_INSTANCE_LAYERS", ""}});
     const auto status = run.process.waitFor(20s);
     ASSERT_TRUE(status);
     EXPECT_EQ(*status, 1);
