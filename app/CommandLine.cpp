@@ -71,7 +71,9 @@ constexpr std::size_t kHelpColumn = 24;
 std::string optionLines(const OptionEntry& entry) {
     std::string head = "  " + std::string(entry.name);
     if (!entry.valueName.empty()) head += " " + std::string(entry.valueName);
-    head += head.size() + 2 <= kHelpColumn ? std::string(kHelpColumn - head.size(), ' ') : "\n" + std::string(kHelpColumn, ' ');
+    // A name too long for its column gets a line of its own.
+    head += head.size() + 2 <= kHelpColumn ? std::string(kHelpColumn - head.size(), ' ')
+                                           : "\n" + std::string(kHelpColumn, ' ');
     std::string lines = head;
     for (const char c : entry.help) {
         lines += c;
@@ -162,14 +164,14 @@ std::string helpText() {
     text +=
         "\n"
         "Keys:\n"
-        "  Escape, Ctrl+Q          quit\n"
-        "  f, Ctrl+Return          toggle full screen\n"
+        "  Escape, Ctrl+Q        quit\n"
+        "  f, Ctrl+Return        toggle full screen\n"
         "\n"
         "Exit status:\n"
-        "  0                       the show ended, or it was quit\n"
-        "  1                       the show could not be launched, or a frame failed; one\n"
-        "                          line on standard error says why\n"
-        "  2                       a command line the player does not understand\n"
+        "  0                     the show ended, or it was quit\n"
+        "  1                     the show could not be launched, or a frame failed; one line\n"
+        "                        on standard error says why\n"
+        "  2                     a command line the player does not understand\n"
         "\n"
         "Examples:\n"
         "  brisvale                        play the installed show\n"

@@ -23,45 +23,31 @@ bool fakeIsDirectory(const std::string& path) { return path == "shows/dir" || pa
 
 PlayerOptions parse(const Args& args) { return parseCommandLine(args, fakeIsDirectory); }
 
-TEST(CommandLine, NoArgumentsIsThePlayerAsShipped) {
-    const PlayerOptions o = parse({});
-    EXPECT_EQ(o.showKind, ShowKind::Bundled);
-    EXPECT_EQ(o.showPath, "");
-    EXPECT_FALSE(o.windowed);
-    EXPECT_EQ(o.startSeconds, 0.0);
-    EXPECT_FALSE(o.validation);
-    EXPECT_FALSE(o.framePumpStats);
-    EXPECT_FALSE(o.help);
-    EXPECT_FALSE(o.version);
-    EXPECT_FALSE(o.withArguments);
+// Every field in one line, so that a case shows what an option changed and what it left alone.
+std::string fieldsOf(const PlayerOptions& o) {
+    std::ostringstream text;
+    text << "show " << static_cast<int>(o.showKind) << " '" << o.showPath << "' windowed " << o.windowed << " start "
+         << o.startSeconds << " validation " << o.validation << " stats " << o.framePumpStats << " help " << o.help
+         << " version " << o.version << " arguments " << o.withArguments;
+    return text.str();
 }
 
-TEST(CommandLine, EachOptionSetsItsOwnFieldOnly) {
-    PlayerOptions o = parse({"--windowed"});
-    EXPECT_TRUE(o.windowed);
-    EXPECT_FALSE(o.validation);
-    EXPECT_TRUE(o.withArguments);
-    EXPECT_EQ(o.showKind, ShowKind::Bundled);
-
-    o = parse({"--validation"});
-    EXPECT_TRUE(o.validation);
-    EXPECT_FALSE(o.windowed);
-    EXPECT_FALSE(o.framePumpStats);
-
-    o = parse({"--frame-pump-stats"});
-    EXPECT_TRUE(o.framePumpStats);
-    EXPECT_FALSE(o.validation);
-
-    o = parse({"--start", "142"});
-    EXPECT_EQ(o.startSeconds, 142.0);
-    EXPECT_FALSE(o.windowed);  // a later start still goes full screen
+TEST(CommandLine, NoArgumentsIsThePlayerAsShippedAndEachOptionSetsItsFieldOnly) {
+    EXPECT_EQ(fieldsOf(parse({})), "show 0 '' windowed 0 start 0 validation 0 stats 0 help 0 version 0 arguments 0");
+    EXPECT_EQ(fieldsOf(parse({"--windowed"})),
+              "show 0 '' windowed 1 start 0 validation 0 stats 0 help 0 version 0 arguments 1");
+    EXPECT_EQ(fieldsOf(parse({"--start", "142"})),
+              "show 0 '' windowed 0 start 142 validation 0 stats 0 help 0 version 0 arguments 1");
+    EXPECT_EQ(fieldsOf(parse({"--validation"})),
+              "show 0 '' windowed 0 start 0 validation 1 stats 0 help 0 version 0 arguments 1");
+    EXPECT_EQ(fieldsOf(parse({"--frame-pump-stats"})),
+              "show 0 '' windowed 0 start 0 validation 0 stats 1 help 0 version 0 arguments 1");
 }
 
 TEST(CommandLine, StartTakesItsValueInEitherFormAndTheLastOneCounts) {
     EXPECT_EQ(parse({"--start", "12.5"}).startSeconds, 12.5);
     EXPECT_EQ(parse({"--start=0.25"}).startSeconds, 0.25);
     EXPECT_EQ(parse({"--start", "1e2"}).startSeconds, 100.0);
-    EXPECT_EQ(parse({"--start", "0"}).startSeconds, 0.0);
     EXPECT_EQ(parse({"--start", "86400"}).startSeconds, 86400.0);
     EXPECT_EQ(parse({"--start", "5", "--start=7"}).startSeconds, 7.0);
     // A value that looks like an option is still the value.
@@ -96,7 +82,8 @@ TEST(CommandLine, ShowFormsAndWhereEachStarts) {
     EXPECT_EQ(parse({"-"}).showPath, "-");
 
     // The real file system decides by default.
-    const std::filesystem::path dir = std::filesystem::temp_directory_path() / ("brisvale-cli-" + std::to_string(::getpid()));
+    const std::filesystem::path dir =
+        std::filesystem::temp_directory_path() / ("brisvale-cli-" + std::to_string(::getpid()));
     std::filesystem::create_directories(dir);
     std::ofstream(dir / "demo.dat") << "x";
     EXPECT_EQ(parseCommandLine({dir.string()}).showKind, ShowKind::Directory);
@@ -112,7 +99,6 @@ TEST(CommandLine, RefusedCommandLinesSayWhy) {
     };
     const std::vector<Case> cases = {
         {{"--bogus"}, "unknown option '--bogus'"},
-        {{"-w"}, "unknown option '-w'"},
         {{"--start=5x"}, "--start wants seconds from 0 to 86400, not '5x'"},
         {{"--start"}, "--start needs a value (SECONDS)"},
         {{"--start", ""}, "--start wants seconds from 0 to 86400, not ''"},
