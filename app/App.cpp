@@ -16,6 +16,10 @@ float seconds(std::chrono::steady_clock::duration d) {
 
 App::App() : start_(Clock::now()), last_(start_) {}
 
+App::App(double startSeconds) : App() {
+    start_ -= std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(startSeconds));
+}
+
 FrameInfo App::tick() {
     const Clock::time_point now = Clock::now();
     FrameInfo frame;

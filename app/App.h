@@ -10,6 +10,9 @@ namespace brisvale {
 class App {
 public:
     App();
+    // A clock that reads `startSeconds` at once, as if the show had begun that long ago; the
+    // first tick's delta is the time since construction only.
+    explicit App(double startSeconds);
 
     // Advances the clock by one frame. Fills timeSeconds and deltaSeconds;
     // the other two fields are 0 (the render view fills them).

@@ -13,6 +13,7 @@ namespace {
 // The shell's own messages; the platform log carries them.
 constexpr std::string_view kFailedToLoadAudio = "Failed to load audio asset";
 constexpr std::string_view kFailedToStartAudio = "Failed to start audio playback";
+constexpr std::string_view kFailedToSeekAudio = "Failed to seek audio playback";
 constexpr std::string_view kFrameFailed = "Frame failed: ";
 
 std::chrono::nanoseconds threadCpuTime() {
@@ -146,7 +147,8 @@ void RenderViewLogic::startRendering() {
     }
     renderingStarted_ = true;
     hideCursorIfNeeded();
-    app_ = std::make_unique<App>();  // show time 0
+    // Show time 0, or the chosen start time, is this moment.
+    app_ = showStartSeconds_ > 0.0 ? std::make_unique<App>(showStartSeconds_) : std::make_unique<App>();
     startMusic();
     // Whatever happened to the music, the frames run.
     startDisplayTimer();
@@ -183,6 +185,9 @@ void RenderViewLogic::startMusic() {
     if (!createPlayer() || startPlayer() != 0) {
         // Silent, but the end time stays.
         systemLog(kFailedToStartAudio);
+    } else if (showStartSeconds_ > 0.0 && seekPlayer(showStartSeconds_) != 0) {
+        // Sought only once started: a player sought before its start cannot play.
+        systemLog(kFailedToSeekAudio);
     }
 }
 

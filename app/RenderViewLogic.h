@@ -62,6 +62,9 @@ public:
 
     // [SHOW START] Stage B, main thread, on each full-screen entry; acts on the first call only.
     void startRendering();
+    // Before stage B: the show time the clock starts at (0 unless the player was told otherwise);
+    // the music is sought to it once its player has started.
+    void setShowStartSeconds(double seconds) { showStartSeconds_ = seconds; }
 
     bool isRenderingStarted() const { return renderingStarted_; }
     // True once a frame's draw raised: the show was ended and the process should fail.
@@ -107,6 +110,7 @@ protected:
     virtual double songDuration() = 0;
     virtual bool createPlayer() = 0;  // false when the library gave no player
     virtual int startPlayer() = 0;
+    virtual int seekPlayer(double seconds) = 0;  // a started player only
     virtual bool hasPlayer() const = 0;
     virtual void destroyPlayer() = 0;  // and clear the handle
     virtual void destroySong() = 0;
@@ -131,6 +135,7 @@ private:
     bool audioLoaded_ = false;
     bool cursorHidden_ = false;
     bool drawFailed_ = false;
+    double showStartSeconds_ = 0.0;
     float showDurationSeconds_ = 0.0f;
     float renderEndSeconds_ = 0.0f;
 

@@ -4,6 +4,7 @@
 #   unit: no GPU and no display; these also run in the sanitizer build.
 #   gpu:  needs a Vulkan device (lavapipe here) with the validation layer.
 #   e2e:  needs an X display (the test starts its own Xvfb).
+# (tests/install adds one more label, install: `cmake --install` of the build into a scratch prefix.)
 function(brisvale_test name)
   cmake_parse_arguments(T "" "TIMEOUT" "SOURCES;LIBS;LABELS;ENV" ${ARGN})
   add_executable(${name} ${T_SOURCES})

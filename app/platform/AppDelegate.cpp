@@ -6,6 +6,7 @@
 #include <exception>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "app/KeyBindings.h"
 #include "app/platform/SystemLog.h"
@@ -44,8 +45,11 @@ void Window::setContentView(std::unique_ptr<MetalView> view) {
     }
 }
 
-AppDelegate::AppDelegate(Application& application, MainThreadQueue& mainQueue, ShowStart showStart)
-    : application_(application), mainQueue_(mainQueue), showStart_(showStart) {}
+AppDelegate::AppDelegate(Application& application, MainThreadQueue& mainQueue, PlayerOptions options)
+    : application_(application),
+      mainQueue_(mainQueue),
+      options_(std::move(options)),
+      showStart_(options_.windowed ? ShowStart::OnWindowShown : ShowStart::OnFullScreenEntry) {}
 
 AppDelegate::~AppDelegate() = default;
 
@@ -72,7 +76,7 @@ void AppDelegate::applicationDidFinishLaunching() {
 
         // Stage A of the launch; may raise.
         auto view = std::make_unique<MetalView>(ViewFrame{0, 0, kWindowWidth, kWindowHeight}, handle, mainQueue_,
-                                                [this] { application_.terminate(); });
+                                                [this] { application_.terminate(); }, options_);
         _window->setContentView(std::move(view));
 
         SDL_SetWindowPosition(handle, SDL_WINDOWPOS_CENTERED, SDL_WINDOWPOS_CENTERED);

@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 
+#include "app/CommandLine.h"
 #include "app/FullScreenEntry.h"
 #include "app/MainThreadQueue.h"
 #include "app/platform/MetalView.h"
@@ -50,8 +51,9 @@ enum class ShowStart { OnFullScreenEntry, OnWindowShown };
 
 class AppDelegate {
 public:
-    AppDelegate(Application& application, MainThreadQueue& mainQueue,
-                ShowStart showStart = ShowStart::OnFullScreenEntry);
+    // `options` is the command line: where the show comes from and how it starts. The defaults
+    // are the player started without arguments.
+    AppDelegate(Application& application, MainThreadQueue& mainQueue, PlayerOptions options = {});
     ~AppDelegate();
     AppDelegate(const AppDelegate&) = delete;
     AppDelegate& operator=(const AppDelegate&) = delete;
@@ -81,6 +83,7 @@ private:
 
     Application& application_;
     MainThreadQueue& mainQueue_;
+    const PlayerOptions options_;
     const ShowStart showStart_;
     bool launchFailed_ = false;
     std::unique_ptr<WindowManagerState> windowManagerState_;

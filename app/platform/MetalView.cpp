@@ -32,6 +32,22 @@ std::vector<std::string> surfaceInstanceExtensions(SDL_Window* window) {
     return std::vector<std::string>(names.begin(), names.begin() + count);
 }
 
+// [SHOW SOURCE] The one place the show's archive is loaded. Without SHOW it is the bundle's
+// demo.dat; SHOW is loaded under the path as given, so that every message names it that way.
+std::shared_ptr<const DemoArchive> loadShowArchive(const PlayerOptions& options) {
+    if (options.showKind == ShowKind::Bundled) {
+        const std::optional<std::string> path = bundleResourcePath(runningExecutableDirectory(), kDemoResource);
+        if (!path) {
+            throw std::runtime_error("Missing demo.dat in app bundle");
+        }
+        return DemoArchive::load(*path);
+    }
+    // A packed file, or a directory (ShowKind::Directory): loadShow (content/ShowSource.h) serves
+    // both, a directory through DemoArchive::loadDirectory. Until it is here a directory goes to
+    // DemoArchive::load too, which refuses it in one line.
+    return DemoArchive::load(options.showPath);
+}
+
 } // namespace
 
 void MetalView::RendererRelease::operator()(Renderer* renderer) {
@@ -45,22 +61,21 @@ void MetalView::RendererRelease::operator()(Renderer* renderer) {
 // Stage A
 
 MetalView::MetalView(ViewFrame frame, SDL_Window* hostWindow, MainThreadQueue& mainQueue,
-                     std::function<void()> terminate)
+                     std::function<void()> terminate, const PlayerOptions& options)
     : mainQueue_(mainQueue), terminate_(std::move(terminate)), bounds_{frame.width, frame.height} {
     try {
+        setShowStartSeconds(options.startSeconds);
+
         // A missing device is passed on: the renderer turns it into its own message.
-        gpu::DeviceOptions options;
-        options.instanceExtensions = surfaceInstanceExtensions(hostWindow);
-        _device = gpu::Device::create(options);
+        gpu::DeviceOptions deviceOptions;
+        deviceOptions.instanceExtensions = surfaceInstanceExtensions(hostWindow);
+        deviceOptions.validation = options.validation;
+        _device = gpu::Device::create(deviceOptions);
         if (_device) {
             _metalLayer = gpu::createWindowSurface(*_device, hostWindow);
         }
 
-        const std::optional<std::string> path = bundleResourcePath(runningExecutableDirectory(), kDemoResource);
-        if (!path) {
-            throw std::runtime_error("Missing demo.dat in app bundle");
-        }
-        archive_ = DemoArchive::load(*path);
+        archive_ = loadShowArchive(options);
         manifest_ = loadDemoManifest(*archive_, kDemoManifestPath);
 
         MainThreadPoster postToMain = [&queue = mainQueue_](std::function<void()> task) {
@@ -179,6 +194,8 @@ bool MetalView::createPlayer() {
 }
 
 int MetalView::startPlayer() { return audio::audio_player_start(audioPlayer_); }
+
+int MetalView::seekPlayer(double seconds) { return audio::audio_player_seek(audioPlayer_, seconds); }
 
 bool MetalView::hasPlayer() const { return audioPlayer_ != nullptr; }
 

@@ -11,6 +11,7 @@
 #include <functional>
 #include <memory>
 
+#include "app/CommandLine.h"
 #include "app/DisplayTimer.h"
 #include "app/MainThreadQueue.h"
 #include "app/RenderViewLogic.h"
@@ -33,11 +34,12 @@ struct ViewFrame {
 
 class MetalView final : public RenderViewLogic {
 public:
-    // Stage A of the launch: GPU device and surface, demo.dat, demo.ini, renderer, first drawable
-    // size. `hostWindow` is the not-yet-shown window whose surface the layer presents to; the view
-    // is not in it until viewDidMoveToWindow. Raises a one-line std::runtime_error on any failure.
+    // Stage A of the launch: GPU device and surface, the show (demo.dat from the bundle, or SHOW
+    // from the command line), demo.ini, renderer, first drawable size. `hostWindow` is the
+    // not-yet-shown window whose surface the layer presents to; the view is not in it until
+    // viewDidMoveToWindow. Raises a one-line std::runtime_error on any failure.
     MetalView(ViewFrame frame, SDL_Window* hostWindow, MainThreadQueue& mainQueue,
-              std::function<void()> terminate);
+              std::function<void()> terminate, const PlayerOptions& options = {});
     ~MetalView();  // teardown, then the members in reverse order of declaration
     MetalView(const MetalView&) = delete;
     MetalView& operator=(const MetalView&) = delete;
@@ -71,6 +73,7 @@ protected:
     double songDuration() override;
     bool createPlayer() override;
     int startPlayer() override;
+    int seekPlayer(double seconds) override;
     bool hasPlayer() const override;
     void destroyPlayer() override;
     void destroySong() override;

@@ -1,15 +1,18 @@
 // brisvale: the show player. Opens one window, goes full screen by itself, plays the show in
 // demo.dat (found beside the executable, or in ../share/brisvale/) and quits when it ends.
+// The command line (CommandLine.h) is read before SDL starts; without arguments the player is
+// exactly the one above.
 //
 // The event loop is a script: set up SDL, the main queue and the delegate; launch; loop {
 // events, main-queue tasks, quit? }; then tear down in reverse.
 //
 // Exit status and the cases the show's rules leave open:
-//   0  the show ended (by itself, Escape, Ctrl+Q, closing the window).
+//   0  the show ended (by itself, Escape, Ctrl+Q, closing the window); --help, --version.
 //   1  a failed launch ("Launch failed: %s" on stderr once and in the system log; no window is
 //      ever shown), an error escaping the event loop ("Fatal error: %s"), or a frame whose draw
 //      raised ("Frame failed: %s" in the system log, reported once; the renderer has given its
 //      in-flight slot back, and the show ends cleanly at once rather than hang or repeat).
+//   2  a command line the player does not understand: the reason and the usage line on stderr.
 //   A music file missing from the archive (or failing to inflate) is reported as
 //   "Failed to load audio asset: <reason>"; the show then runs silent with no end time, and the
 //   display timer starts as always.
@@ -23,11 +26,12 @@
 #include <time.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
+#include "app/CommandLine.h"
 #include "app/MainThreadQueue.h"
 #include "app/platform/AppDelegate.h"
 #include "app/platform/SystemLog.h"
@@ -82,12 +86,11 @@ void handleEvent(const SDL_Event& event, Application& application, AppDelegate& 
     }
 }
 
-// For bench/app/frame_pump.sh only (BRISVALE_FRAME_PUMP_STATS=1): one line at exit with the
-// share of display ticks that became frames and the main thread's processor time per frame.
+// --frame-pump-stats, for bench/app/frame_pump.sh: one line at exit with the share of display
+// ticks that became frames and the main thread's processor time per frame.
 void reportFramePump(const AppDelegate& delegate) {
-    const char* wanted = std::getenv("BRISVALE_FRAME_PUMP_STATS");
     const MetalView* view = delegate.contentView();
-    if (wanted == nullptr || *wanted == '\0' || *wanted == '0' || view == nullptr) {
+    if (view == nullptr) {
         return;
     }
     timespec cpu{};
@@ -104,11 +107,11 @@ void reportFramePump(const AppDelegate& delegate) {
                  drawn > 0 ? std::chrono::duration<double, std::milli>(c.frameCpu).count() / drawn : 0.0, mainCpuMs);
 }
 
-int runApplication() {
+int runApplication(const PlayerOptions& options) {
     SdlSession sdl;
     MainThreadQueue mainQueue([&sdl] { sdl.wakeEventLoop(); });
     Application application;
-    AppDelegate delegate(application, mainQueue);
+    AppDelegate delegate(application, mainQueue, options);
 
     delegate.applicationDidFinishLaunching();
     while (!application.isTerminating()) {
@@ -122,7 +125,9 @@ int runApplication() {
         mainQueue.runPending([&application] { return application.isTerminating(); });
     }
     delegate.applicationWillTerminate();
-    reportFramePump(delegate);
+    if (options.framePumpStats) {
+        reportFramePump(delegate);
+    }
     // Frame and pool-growth tasks still queued are dropped: the show is over.
     mainQueue.dropAll();
     return delegate.exitStatus();
@@ -133,10 +138,23 @@ int runApplication() {
 } // namespace
 } // namespace brisvale
 
-int main(int, char**) {
+int main(int argc, char** argv) {
+    brisvale::PlayerOptions options;
+    try {
+        options = brisvale::parseCommandLine(std::vector<std::string>(argv + 1, argv + argc));
+    } catch (const brisvale::CommandLineError& e) {
+        std::fprintf(stderr, "brisvale: %s\n%s\n", e.what(), brisvale::usageLine().c_str());
+        return 2;
+    }
+    // Neither needs a display: they are answered before SDL starts.
+    if (options.help || options.version) {
+        std::fputs((options.help ? brisvale::helpText() : brisvale::versionText()).c_str(), stdout);
+        return 0;
+    }
+
     brisvale::SystemLogSession log;
     try {
-        return brisvale::runApplication();
+        return brisvale::runApplication(options);
     } catch (const std::exception& e) {
         brisvale::systemLog(std::string("Fatal error: ") + e.what());
         return 1;

@@ -37,6 +37,7 @@ protected:
     double songDuration() override { return 0.0; }
     bool createPlayer() override { return false; }
     int startPlayer() override { return -1; }
+    int seekPlayer(double) override { return -1; }
     bool hasPlayer() const override { return false; }
     void destroyPlayer() override {}
     void destroySong() override {}

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # The frame pump under load: plays the built show for a few seconds on a small Xvfb screen with
 # lavapipe and reports the share of display ticks that became frames and the main thread's
-# processor time per frame (counters the player prints at exit when BRISVALE_FRAME_PUMP_STATS
-# is set). Usage: BUILD=build bash bench/app/frame_pump.sh [seconds]
+# processor time per frame (counters the player prints at exit with --frame-pump-stats).
+# Usage: BUILD=build bash bench/app/frame_pump.sh [seconds]
 set -euo pipefail
 build=${BUILD:-build}
 seconds=${1:-8}
@@ -18,7 +18,7 @@ trap 'rm -rf "$bundle"' EXIT
 cp "$player" "$show" "$bundle/"
 
 run() {
-  "$bundle/brisvale" 2>"$bundle/stderr.txt" &
+  "$bundle/brisvale" --frame-pump-stats 2>"$bundle/stderr.txt" &
   local pid=$!
   sleep "$seconds"
   # SDL turns SIGTERM into a quit request: the player ends cleanly and prints its counters.
@@ -27,6 +27,6 @@ run() {
   grep '^frame pump:' "$bundle/stderr.txt" || { echo "frame_pump: no counters"; cat "$bundle/stderr.txt"; return 1; }
 }
 # A small screen: the full-screen window is small, the drawable stays 1920 x 1080.
-BRISVALE_FRAME_PUMP_STATS=1 SDL_AUDIODRIVER=dummy \
+SDL_AUDIODRIVER=dummy \
   VK_ICD_FILENAMES=/usr/share/vulkan/icd.d/lvp_icd.x86_64.json \
   xvfb-run -a -s "-screen 0 640x360x24" bash -c "bundle='$bundle' seconds='$seconds'; $(declare -f run); run"

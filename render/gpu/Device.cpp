@@ -11,7 +11,6 @@
 #include "render/gpu/CompletionThread.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 
@@ -75,9 +74,24 @@ std::optional<std::uint32_t> graphicsComputeFamily(VkPhysicalDevice device) {
     return std::nullopt;
 }
 
-bool validationFromEnvironment() {
-    const char* value = std::getenv("BRISVALE_VULKAN_VALIDATION");
-    return value != nullptr && std::strcmp(value, "1") == 0;
+// Whether a layer on the instance says that it validates. A layer the loader added by itself
+// (VK_INSTANCE_LAYERS) is not among those the program enabled, so the layers are asked. Khronos
+// layers before 1.3.250 or so answer only the extension's name of the call.
+bool validationToolActive(VkInstance instance, VkPhysicalDevice device) {
+    for (const char* name : {"vkGetPhysicalDeviceToolProperties", "vkGetPhysicalDeviceToolPropertiesEXT"}) {
+        auto getTools = reinterpret_cast<PFN_vkGetPhysicalDeviceToolProperties>(vkGetInstanceProcAddr(instance, name));
+        std::uint32_t count = 0;
+        if (getTools == nullptr || getTools(device, &count, nullptr) != VK_SUCCESS || count == 0) continue;
+        VkPhysicalDeviceToolProperties blank{};
+        blank.sType = VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_TOOL_PROPERTIES;
+        std::vector<VkPhysicalDeviceToolProperties> tools(count, blank);
+        const VkResult result = getTools(device, &count, tools.data());
+        if (result != VK_SUCCESS && result != VK_INCOMPLETE) continue;
+        for (std::uint32_t i = 0; i < count && i < tools.size(); ++i) {
+            if ((tools[i].purposes & VK_TOOL_PURPOSE_VALIDATION_BIT) != 0) return true;
+        }
+    }
+    return false;
 }
 
 } // namespace
@@ -96,12 +110,21 @@ VKAPI_ATTR VkBool32 VKAPI_CALL Device::onMessage(VkDebugUtilsMessageSeverityFlag
     return VK_FALSE;
 }
 
+void Device::installMessenger(const VkDebugUtilsMessengerCreateInfoEXT& info) {
+    auto createMessenger = reinterpret_cast<PFN_vkCreateDebugUtilsMessengerEXT>(
+        vkGetInstanceProcAddr(instance_, "vkCreateDebugUtilsMessengerEXT"));
+    if (createMessenger) {
+        createMessenger(instance_, &info, nullptr, &messenger_);
+    }
+}
+
 std::unique_ptr<Device> Device::create(const DeviceOptions& options) {
     std::unique_ptr<Device> self(new Device());  // private constructor: make_unique cannot reach it
-    const bool wantValidation = options.validation || validationFromEnvironment();
-    const bool validation = wantValidation && hasLayer(kValidationLayer) &&
-                            hasInstanceExtension(VK_EXT_DEBUG_UTILS_EXTENSION_NAME);
-    if (wantValidation && !validation) {
+    // debug_utils is enabled wherever it is offered, so that a layer the loader adds by itself
+    // has a messenger to report to; the messenger is installed only where a layer validates.
+    const bool debugUtils = hasInstanceExtension(VK_EXT_DEBUG_UTILS_EXTENSION_NAME);
+    const bool validation = options.validation && hasLayer(kValidationLayer) && debugUtils;
+    if (options.validation && !validation) {
         std::fprintf(stderr, "Vulkan validation layer is not available\n");
     }
 
@@ -111,7 +134,7 @@ std::unique_ptr<Device> Device::create(const DeviceOptions& options) {
         extensions.push_back(name.c_str());
         if (name == VK_KHR_SURFACE_EXTENSION_NAME) wantsSurface = true;
     }
-    if (validation) extensions.push_back(VK_EXT_DEBUG_UTILS_EXTENSION_NAME);
+    if (debugUtils) extensions.push_back(VK_EXT_DEBUG_UTILS_EXTENSION_NAME);
     std::vector<const char*> layers;
     if (validation) layers.push_back(kValidationLayer);
 
@@ -146,11 +169,7 @@ std::unique_ptr<Device> Device::create(const DeviceOptions& options) {
         return nullptr;
     }
     if (validation) {
-        auto createMessenger = reinterpret_cast<PFN_vkCreateDebugUtilsMessengerEXT>(
-            vkGetInstanceProcAddr(self->instance_, "vkCreateDebugUtilsMessengerEXT"));
-        if (createMessenger) {
-            createMessenger(self->instance_, &messengerInfo, nullptr, &self->messenger_);
-        }
+        self->installMessenger(messengerInfo);
     }
 
     // -----------------------------------------------------------------------------------------
@@ -185,6 +204,10 @@ std::unique_ptr<Device> Device::create(const DeviceOptions& options) {
     }
     if (self->physicalDevice_ == VK_NULL_HANDLE) {
         return nullptr;
+    }
+    // A validation layer the loader added: its messages from here on reach the messenger.
+    if (!validation && debugUtils && validationToolActive(self->instance_, self->physicalDevice_)) {
+        self->installMessenger(messengerInfo);
     }
     vkGetPhysicalDeviceMemoryProperties(self->physicalDevice_, &self->memory_);
     VkPhysicalDeviceVulkan11Properties properties11{};

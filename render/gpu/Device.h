@@ -20,13 +20,15 @@ class CompletionThread;
 
 struct DeviceOptions {
     std::vector<std::string> instanceExtensions;  // e.g. from SDL_Vulkan_GetInstanceExtensions
-    bool validation = false;                      // Khronos validation layer + a messenger that counts
+    // The Khronos validation layer and a messenger that counts. A validation layer that the
+    // Vulkan loader adds by itself (VK_INSTANCE_LAYERS) reaches the same messenger without this:
+    // that is how a program with no such switch of its own is checked.
+    bool validation = false;
 };
 
 class Device {
 public:
-    // nullptr when there is no usable Vulkan 1.3 device. BRISVALE_VULKAN_VALIDATION=1 in the
-    // environment turns validation on as well (for the tools).
+    // nullptr when there is no usable Vulkan 1.3 device.
     static std::unique_ptr<Device> create(const DeviceOptions& options);
     ~Device();
     Device(const Device&) = delete;
@@ -64,6 +66,7 @@ public:
 
 private:
     Device() = default;
+    void installMessenger(const VkDebugUtilsMessengerCreateInfoEXT& info);
     static VKAPI_ATTR VkBool32 VKAPI_CALL onMessage(VkDebugUtilsMessageSeverityFlagBitsEXT severity,
                                                     VkDebugUtilsMessageTypeFlagsEXT types,
                                                     const VkDebugUtilsMessengerCallbackDataEXT* data,

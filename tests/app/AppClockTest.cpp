@@ -18,6 +18,17 @@ TEST(AppClock, FirstTickDeltaEqualsTime) {
     EXPECT_EQ(f.renderEndSeconds, 0.0f);
 }
 
+TEST(AppClock, AClockStartedLaterReadsItsStartTimeAtOnce) {
+    App app(142.5);
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    const FrameInfo f = app.tick();
+    EXPECT_GT(f.timeSeconds, 142.5f);
+    EXPECT_LT(f.timeSeconds, 143.5f);
+    // The time before the start was never lived through: the first delta is the wait alone.
+    EXPECT_GT(f.deltaSeconds, 0.0f);
+    EXPECT_LT(f.deltaSeconds, 1.0f);
+}
+
 TEST(AppClock, TimeNeverDecreasesAndSumsItsDeltas) {
     App app;
     float previous = 0.0f;

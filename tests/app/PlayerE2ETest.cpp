@@ -6,6 +6,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <chrono>
 #include <filesystem>
@@ -74,10 +75,12 @@ public:
         return files;
     }
 
-    void pack(const std::map<std::string, std::vector<std::uint8_t>>& files) const {
+    void pack(const std::map<std::string, std::vector<std::uint8_t>>& files) const { packTo(dir_ / "demo.dat", files); }
+
+    static void packTo(const fs::path& file, const std::map<std::string, std::vector<std::uint8_t>>& files) {
         std::vector<ArchiveFile> archive;
         for (const auto& [path, bytes] : files) archive.push_back({path, bytes});
-        writeArchiveFile((dir_ / "demo.dat").string(), archive);
+        writeArchiveFile(file.string(), archive);
     }
 
 private:
@@ -97,15 +100,24 @@ struct PlayerRun {
 class PlayerE2E : public ::testing::Test {
 protected:
     PlayerRun start(const Bundle& bundle, const std::map<std::string, std::string>& extraEnv = {}) {
+        return startWith(bundle, {}, extraEnv);
+    }
+
+    // The player with arguments. The loader adds the validation layer, whose messages reach the
+    // player's messenger without an argument of its own.
+    PlayerRun startWith(const Bundle& bundle, const std::vector<std::string>& arguments,
+                        const std::map<std::string, std::string>& extraEnv = {}) {
         PlayerRun run;
         run.out = bundle.dir() / "stdout.txt";
         run.err = bundle.dir() / "stderr.txt";
         run.started = Clock::now();
         std::map<std::string, std::string> env{{"SDL_AUDIODRIVER", "dummy"},
-                                               {"BRISVALE_VULKAN_VALIDATION", "1"},
+                                               {"VK_INSTANCE_LAYERS", "VK_LAYER_KHRONOS_validation"},
                                                {"VK_ICD_FILENAMES", "/usr/share/vulkan/icd.d/lvp_icd.x86_64.json"}};
         for (const auto& [name, value] : extraEnv) env[name] = value;
-        run.process = spawn({bundle.player().string()}, env, run.out, run.err);
+        std::vector<std::string> argv{bundle.player().string()};
+        argv.insert(argv.end(), arguments.begin(), arguments.end());
+        run.process = spawn(argv, env, run.out, run.err);
         return run;
     }
 
@@ -272,7 +284,7 @@ TEST_F(PlayerE2E, WithoutAVulkanDeviceTheRendererRefusesTheLaunch) {
     bundle.pack(Bundle::testShow());
     // No driver, so nothing to validate (the loader's own complaints would come through the layer).
     PlayerRun run = start(bundle, {{"VK_ICD_FILENAMES", (bundle.dir() / "no-such-driver.json").string()},
-                                   {"BRISVALE_VULKAN_VALIDATION", "0"}});
+                                   {"VK_INSTANCE_LAYERS", ""}});
     const auto status = run.process.waitFor(20s);
     ASSERT_TRUE(status);
     EXPECT_EQ(*status, 1);
@@ -376,6 +388,107 @@ TEST_F(PlayerE2E, MusicTheDecoderRejectsRunsSilentUntilEscape) {
     ASSERT_TRUE(status);
     EXPECT_EQ(*status, 0);
     EXPECT_EQ(run.stderrText(), "Failed to load audio asset\n");
+}
+
+// ---------------------------------------------------------------------------------------------
+// The command line
+
+// --help, --version and a command line the player does not understand are answered before SDL
+// starts: no display is needed, and no show is looked for.
+TEST_F(PlayerE2E, TheCommandLineIsAnsweredWithoutADisplay) {
+    Bundle bundle;  // no demo.dat
+    struct Case {
+        std::vector<std::string> arguments;
+        int status;
+        std::string stdoutStart;
+        std::string stderrStart;
+        long lines;  // of the answer, on stdout or stderr; 0 for any number
+    };
+    const std::vector<Case> cases = {
+        {{"--help"}, 0, "Usage: brisvale [OPTIONS] [SHOW]\n", "", 0},
+        {{"--version"}, 0, "brisvale ", "", 1},
+        {{"--bogus"}, 2, "", "brisvale: unknown option '--bogus'\nUsage: brisvale [", 2},
+        {{"--windowed", "--start"}, 2, "", "brisvale: --start needs a value (SECONDS)\nUsage: brisvale [", 2},
+    };
+    for (const Case& c : cases) {
+        std::vector<std::string> argv{"env", "-u", "DISPLAY", "-u", "WAYLAND_DISPLAY", bundle.player().string()};
+        argv.insert(argv.end(), c.arguments.begin(), c.arguments.end());
+        Child child = spawn(argv, {}, bundle.dir() / "out.txt", bundle.dir() / "err.txt");
+        const auto status = child.waitFor(10s);
+        const std::string out = readFile(bundle.dir() / "out.txt");
+        const std::string err = readFile(bundle.dir() / "err.txt");
+        ASSERT_TRUE(status) << c.arguments[0];
+        EXPECT_EQ(*status, c.status) << c.arguments[0] << ": " << err;
+        EXPECT_EQ(out.rfind(c.stdoutStart, 0), 0u) << out;
+        EXPECT_EQ(err.rfind(c.stderrStart, 0), 0u) << err;
+        // The answer goes to one stream only, in whole lines.
+        const std::string& answer = c.status == 0 ? out : err;
+        EXPECT_EQ(c.status == 0 ? err : out, "");
+        ASSERT_FALSE(answer.empty()) << c.arguments[0];
+        EXPECT_EQ(answer.back(), '\n');
+        if (c.lines > 0) {
+            EXPECT_EQ(std::count(answer.begin(), answer.end(), '\n'), c.lines) << answer;
+        }
+    }
+}
+
+// A show file named on the command line plays as if it lay beside the player, and a path that
+// leads to no show is named as it was given.
+TEST_F(PlayerE2E, AShowFileGivenOnTheCommandLinePlaysLikeTheBundledOne) {
+    X11Session x(/*withWindowManager=*/true);
+    Bundle bundle;  // nothing beside the player
+    fs::create_directories(bundle.dir() / "shows");
+    const fs::path show = bundle.dir() / "shows" / "my show.dat";
+    Bundle::packTo(show, Bundle::testShow());
+    PlayerRun run = startWith(bundle, {show.string()});
+
+    const auto fullScreenAt = waitForWindow(x, run, 1920, 1080);
+    ASSERT_TRUE(fullScreenAt) << run.stderrText();
+    std::this_thread::sleep_until(*fullScreenAt + 1500ms);
+    const Screenshot shot = x.screenshot();
+    expectNear(shot.at(200, 540), 255, 0, 0);
+    expectNear(shot.at(1440, 540), 0, 255, 0);
+
+    const auto status = run.process.waitFor(15s);
+    ASSERT_TRUE(status) << "the show did not end by itself";
+    EXPECT_EQ(*status, 0) << run.stderrText();
+    EXPECT_GE(std::chrono::duration<double>(Clock::now() - *fullScreenAt).count(), 4.75 - 0.5);
+    EXPECT_EQ(run.stderrText(), "");
+
+    PlayerRun missing = startWith(bundle, {"shows/no such show.dat"});
+    const auto missingStatus = missing.process.waitFor(20s);
+    ASSERT_TRUE(missingStatus);
+    EXPECT_EQ(*missingStatus, 1);
+    EXPECT_EQ(missing.stderrText(), "Launch failed: Failed to open demo archive: shows/no such show.dat\n");
+}
+
+// --windowed never asks for full screen and starts the show once the window is shown; --start 10
+// begins in the middle phase (the image, blue) and so ends 3.75 s after the 10 s song, not 13.75 s.
+TEST_F(PlayerE2E, WindowedFromALaterStartShowsThatTimeAndEndsOnTime) {
+    X11Session x(/*withWindowManager=*/true);
+    Bundle bundle;
+    auto show = Bundle::testShow();
+    show["music/song.flac"] = flacSong(bundle.dir(), 10);
+    bundle.pack(show);
+    PlayerRun run = startWith(bundle, {"--windowed", "--start", "10"});
+
+    const auto shownAt = waitForWindow(x, run, 1280, 720);
+    ASSERT_TRUE(shownAt) << run.stderrText();
+    std::this_thread::sleep_until(*shownAt + 1500ms);
+    const auto w = x.window(kTitle);
+    ASSERT_TRUE(w);
+    EXPECT_EQ(w->width, 1280) << "the window went full screen";
+    const Screenshot shot = x.screenshot();
+    expectNear(shot.at(w->x + 200, w->y + 360), 0x20, 0x40, 0xff);
+    expectNear(shot.at(w->x + 960, w->y + 360), 0x20, 0x40, 0xff);
+
+    const auto status = run.process.waitFor(15s);
+    ASSERT_TRUE(status) << "the show did not end by itself";
+    const double afterShown = std::chrono::duration<double>(Clock::now() - *shownAt).count();
+    EXPECT_EQ(*status, 0) << run.stderrText();
+    EXPECT_GE(afterShown, 3.75 - 0.5);
+    EXPECT_LE(afterShown, 3.75 + 2.5) << "on a machine this loaded the margin may be too small";
+    EXPECT_EQ(run.stderrText(), "");
 }
 
 } // namespace

@@ -29,6 +29,7 @@ struct MusicScript {
     double duration = 1.0;
     bool playerCreated = true;
     int startResult = 0;
+    int seekResult = 0;
 };
 
 class RecordingView final : public RenderViewLogic {
@@ -78,6 +79,7 @@ public:
         return true;
     }
 
+    using RenderViewLogic::setShowStartSeconds;
     using RenderViewLogic::tearDown;
 
 protected:
@@ -139,6 +141,10 @@ protected:
     int startPlayer() override {
         calls.push_back("startPlayer");
         return music_.startResult;
+    }
+    int seekPlayer(double seconds) override {
+        calls.push_back("seekPlayer " + std::to_string(seconds));
+        return music_.seekResult;
     }
     bool hasPlayer() const override { return player_; }
     void destroyPlayer() override {
@@ -467,6 +473,29 @@ INSTANTIATE_TEST_SUITE_P(
         for (char& c : name) if (c == ' ') c = '_';
         return name;
     });
+
+// The player told to begin later: the clock starts at that time, the music is sought there once
+// its player has started, and a seek that fails leaves the show running with its end time.
+TEST(ShowStart, ALaterStartSetsTheClockAndSeeksTheStartedMusic) {
+    for (const int seekResult : {0, -1}) {
+        MusicScript music;
+        music.duration = 30.0;
+        music.seekResult = seekResult;
+        RecordingView view(music);
+        view.setShowStartSeconds(20.0);
+        view.startRendering();
+        EXPECT_EQ(view.calls, (Calls{"hideCursor", "loadSong", "createPlayer", "startPlayer", "seekPlayer 20.000000",
+                                     "startDisplayTimer"}));
+        EXPECT_EQ(view.log, seekResult == 0 ? std::vector<std::string>{}
+                                            : std::vector<std::string>{"Failed to seek audio playback"});
+        EXPECT_EQ(view.renderEndSeconds(), 33.75f);
+        view.drawFrame();
+        ASSERT_EQ(view.frames.size(), 1u);
+        EXPECT_GE(view.frames[0].timeSeconds, 20.0f);
+        EXPECT_LT(view.frames[0].timeSeconds, 21.0f);
+        EXPECT_LT(view.frames[0].deltaSeconds, 1.0f);
+    }
+}
 
 TEST(ShowStart, AnEmptyMusicFileIsNotLoadedAndLeaksNothing) {
     MusicScript music;

@@ -74,10 +74,12 @@ TEST(PlayTool, RefusesBadFilesAndArgumentsWithOneLine) {
     EXPECT_EQ(r.output, "brisvale-play: " + fifo + ": not a regular file\n");
 }
 
-TEST(PlayTool, HelpPrintsTheUsage) {
+TEST(PlayTool, HelpPrintsTheUsageAndEveryOption) {
     const ToolRun r = run(std::string(BRISVALE_PLAY) + " --help");
     EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.output, "usage: brisvale-play FILE [--eq g0,...,g9] [--volume V]\n");
+    EXPECT_EQ(r.output.rfind("Usage: brisvale-play [--eq g0,...,g9] [--volume V] FILE\n", 0), 0u) << r.output;
+    EXPECT_NE(r.output.find("\n  --eq g0,...,g9 "), std::string::npos);
+    EXPECT_NE(r.output.find("\n  --volume V "), std::string::npos);
 }
 
 } // namespace

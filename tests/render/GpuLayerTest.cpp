@@ -20,6 +20,20 @@ namespace {
 
 using GpuLayer = GpuTest;
 
+// A buffer of size 0 is invalid usage: the layer must see it. Returns what was printed.
+std::string createAnInvalidBuffer(gpu::Device& device) {
+    VkBufferCreateInfo info{};
+    info.sType = VK_STRUCTURE_TYPE_BUFFER_CREATE_INFO;
+    info.size = 0;
+    info.usage = VK_BUFFER_USAGE_STORAGE_BUFFER_BIT;
+    ::testing::internal::CaptureStderr();
+    VkBuffer buffer = VK_NULL_HANDLE;
+    if (vkCreateBuffer(device.handle(), &info, nullptr, &buffer) == VK_SUCCESS && buffer != VK_NULL_HANDLE) {
+        vkDestroyBuffer(device.handle(), buffer, nullptr);
+    }
+    return ::testing::internal::GetCapturedStderr();
+}
+
 TEST(GpuDevice, ValidationMessagesAreCountedAndPrinted) {
     gpu::DeviceOptions options;
     options.validation = true;
@@ -28,30 +42,26 @@ TEST(GpuDevice, ValidationMessagesAreCountedAndPrinted) {
     ASSERT_TRUE(device->validationEnabled());
     EXPECT_EQ(device->validationMessageCount(), 0u);
 
-    // A buffer of size 0 is invalid usage: the layer must see it and tell us.
-    VkBufferCreateInfo info{};
-    info.sType = VK_STRUCTURE_TYPE_BUFFER_CREATE_INFO;
-    info.size = 0;
-    info.usage = VK_BUFFER_USAGE_STORAGE_BUFFER_BIT;
-    ::testing::internal::CaptureStderr();
-    VkBuffer buffer = VK_NULL_HANDLE;
-    if (vkCreateBuffer(device->handle(), &info, nullptr, &buffer) == VK_SUCCESS && buffer != VK_NULL_HANDLE) {
-        vkDestroyBuffer(device->handle(), buffer, nullptr);
-    }
-    const std::string printed = ::testing::internal::GetCapturedStderr();
+    const std::string printed = createAnInvalidBuffer(*device);
     EXPECT_GE(device->validationMessageCount(), 1u);
     EXPECT_NE(printed.find("Vulkan validation: "), std::string::npos) << printed;
 }
 
-TEST(GpuDevice, TheEnvironmentSwitchTurnsValidationOn) {
-    ::setenv("BRISVALE_VULKAN_VALIDATION", "1", 1);
-    auto withSwitch = gpu::Device::create({});
-    ::unsetenv("BRISVALE_VULKAN_VALIDATION");
+// A program with no validation switch of its own is checked by having the loader add the layer:
+// its messages reach the same messenger. Without the layer there is no messenger.
+TEST(GpuDevice, ALayerTheLoaderAddsReportsThroughTheMessenger) {
+    ::setenv("VK_INSTANCE_LAYERS", "VK_LAYER_KHRONOS_validation", 1);
+    auto withLayer = gpu::Device::create({});
+    ::unsetenv("VK_INSTANCE_LAYERS");
     auto without = gpu::Device::create({});
-    ASSERT_NE(withSwitch, nullptr);
+    ASSERT_NE(withLayer, nullptr);
     ASSERT_NE(without, nullptr);
-    EXPECT_TRUE(withSwitch->validationEnabled());
+    ASSERT_TRUE(withLayer->validationEnabled());
     EXPECT_FALSE(without->validationEnabled());
+
+    const std::string printed = createAnInvalidBuffer(*withLayer);
+    EXPECT_GE(withLayer->validationMessageCount(), 1u);
+    EXPECT_NE(printed.find("Vulkan validation: "), std::string::npos) << printed;
 }
 
 TEST_F(GpuLayer, TheDeviceIsVulkan13WithOneGraphicsAndComputeQueue) {

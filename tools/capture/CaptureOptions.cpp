@@ -52,7 +52,39 @@ std::string timeText(float t) {
 } // namespace
 
 const char* captureUsage() {
-    return "usage: brisvale-capture demo.dat [--size WxH] (--at T1,T2,... | --from A --to B [--fps N]) -o DIR";
+    return "Usage: brisvale-capture demo.dat [--size WxH] (--at T1,T2,... | --from A --to B [--fps N]) -o DIR";
+}
+
+std::string captureHelp() {
+    return std::string(captureUsage()) +
+           "\n"
+           "Draws chosen show times of a show file offscreen, as the Brisvale player would draw\n"
+           "them with its show clock standing at each time, and writes each frame as a PNG file.\n"
+           "Needs no display: any Vulkan 1.3 device will do, the software one (lavapipe) too.\n"
+           "\n"
+           "Options:\n"
+           "  --size WxH            frame size in pixels, 1 to 16384 a side; by default the\n"
+           "                        show's own (demo.output.width and demo.output.height)\n"
+           "  --at T1,T2,...        these show times in seconds, each to DIR/t<T>.png with T\n"
+           "                        to three decimals (more where two names would be alike)\n"
+           "  --from A --to B       every frame from A up to and including B, 1/fps apart,\n"
+           "                        to DIR/frame-00000.png, frame-00001.png, ...\n"
+           "  --fps N               frames per second for --from/--to, 1 to 16384; by default\n"
+           "                        the show's own (demo.output.fps)\n"
+           "  -o, --output DIR      the directory for the PNG files, made when missing; a\n"
+           "                        file already there is replaced whole\n"
+           "  -h, --help            print this help and exit\n"
+           "\n"
+           "Environment:\n"
+           "  VK_INSTANCE_LAYERS=VK_LAYER_KHRONOS_validation\n"
+           "                        check every Vulkan call; any validation message fails\n"
+           "                        the capture\n"
+           "\n"
+           "Exit status:\n"
+           "  0                     every frame was written\n"
+           "  1                     a failure, named in one line on stderr\n"
+           "  2                     a command line, or a show default standing in for an\n"
+           "                        option, that cannot be captured\n";
 }
 
 CaptureOptions parseCaptureOptions(const std::vector<std::string>& arguments) {

@@ -68,5 +68,7 @@ private:
 };
 
 const char* captureUsage();
+// --help: the usage line, what the tool does, every option; also its manual page (help2man).
+std::string captureHelp();
 
 } // namespace brisvale::capture

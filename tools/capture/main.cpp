@@ -259,7 +259,7 @@ int main(int argc, char** argv) {
     try {
         const CaptureOptions options = parseCaptureOptions(std::vector<std::string>(argv + 1, argv + argc));
         if (options.help) {
-            std::printf("%s\n", captureUsage());
+            std::fputs(captureHelp().c_str(), stdout);
             return 0;
         }
         return capture(options);

@@ -48,19 +48,35 @@ struct ToolError : std::runtime_error {
 // [usage] ----------------------------------------------------------------------------------
 
 constexpr const char* kUsage =
-    "Usage:\n"
-    "  brisvale-pack -o OUTPUT [--format 1|2] [--compress auto|all|none] DIR\n"
-    "      Packs every regular file under DIR, under its path relative to DIR. A symbolic\n"
-    "      link is packed as the file it leads to when that lies inside DIR; other links\n"
-    "      and special files are skipped with a note on stderr.\n"
-    "      --format 2 (default) may hold gzip files; --format 1 stores files only.\n"
-    "      --compress auto (default) gzips a file when that saves at least 10 %;\n"
-    "      all gzips every file; none stores every file.\n"
-    "  brisvale-pack --list ARCHIVE\n"
-    "      One line per file: path, stored size, unpacked size, stored|gzip; then the total.\n"
-    "  brisvale-pack --extract ARCHIVE DIR\n"
-    "      Writes every file back under DIR as a new file; on failure nothing is left.\n"
-    "  brisvale-pack --help\n";
+    "Usage: brisvale-pack -o OUTPUT [--format 1|2] [--compress auto|all|none] DIR\n"
+    "  or:  brisvale-pack --list ARCHIVE\n"
+    "  or:  brisvale-pack --extract ARCHIVE DIR\n"
+    "Packs a show directory into one show file (demo.dat) for the Brisvale player, lists\n"
+    "what a show file holds, or unpacks one. The same directory always packs to the same\n"
+    "bytes, and the output is replaced only once it has been written whole.\n"
+    "\n"
+    "Options:\n"
+    "  -o, --output OUTPUT     pack every regular file under DIR into OUTPUT, under its\n"
+    "                          path relative to DIR. A symbolic link is packed as the\n"
+    "                          file it leads to when that lies inside DIR; other links\n"
+    "                          and special files are skipped, each named on stderr\n"
+    "  --format 1|2            container version: 2 (the default) may hold gzip files,\n"
+    "                          1 stores every file as it is\n"
+    "  --compress auto|all|none\n"
+    "                          auto (the default) gzips a file when that saves at least\n"
+    "                          10 %; all gzips every file; none stores every file\n"
+    "  --list ARCHIVE          print one line per file: path, stored size, unpacked\n"
+    "                          size, stored or gzip; then the total\n"
+    "  --extract ARCHIVE DIR   write every file back under DIR as a new file; on a\n"
+    "                          failure nothing is left behind\n"
+    "  -h, --help              print this help and exit\n"
+    "\n"
+    "Limits: a show is at most 512 MiB, each file under 4 GiB.\n"
+    "\n"
+    "Exit status:\n"
+    "  0                       done\n"
+    "  1                       a failure, named in one line on stderr\n"
+    "  2                       a command line it does not understand\n";
 
 // [messages] -------------------------------------------------------------------------------
 

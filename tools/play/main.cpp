@@ -2,7 +2,7 @@
 // Prints the song's tags and duration, plays it through the audio library with a progress
 // line, and takes keys when stdin is a terminal: space pauses and resumes, left and right seek
 // 5 s, q quits. Exits 0 once the song has ended (or on q, or after --help), 1 on a file it
-// cannot play, 2 on bad arguments.
+// cannot play, 2 on bad arguments. --help is also its manual page (help2man).
 
 #include <poll.h>
 #include <sys/stat.h>
@@ -97,6 +97,28 @@ Key readKey(int ms) {
 
 // [ARGUMENTS]
 constexpr const char* kUsage = "usage: brisvale-play FILE [--eq g0,...,g9] [--volume V]\n";
+constexpr const char* kHelp =
+    "Usage: brisvale-play [--eq g0,...,g9] [--volume V] FILE\n"
+    "Plays a music file through the audio library of the Brisvale player: prints the\n"
+    "song's tags and length, then plays it to its end with a progress line. FILE may be\n"
+    "any file FFmpeg decodes.\n"
+    "\n"
+    "Options:\n"
+    "  --eq g0,...,g9    gains of the ten equaliser bands in dB, lowest band first\n"
+    "                    (32, 64, 125, 250, 500 Hz, 1, 2, 4, 8, 16 kHz); each is held\n"
+    "                    to -12 to 12 dB, and bands left out stay at 0\n"
+    "  --volume V        output volume, from 0 to 1\n"
+    "  -h, --help        print this help and exit\n"
+    "\n"
+    "Keys, when standard input is a terminal:\n"
+    "  space             pause or resume\n"
+    "  left, right       seek 5 seconds back or forward\n"
+    "  q                 quit\n"
+    "\n"
+    "Exit status:\n"
+    "  0                 the song ended, or q was pressed\n"
+    "  1                 a file it cannot play, or no audio output\n"
+    "  2                 a command line it does not understand\n";
 
 struct Options {
     std::string file;
@@ -227,7 +249,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     if (options->help) {
-        std::fputs(kUsage, stdout);
+        std::fputs(kHelp, stdout);
         return 0;
     }
     if (options->volume && (*options->volume < 0.0f || *options->volume > 1.0f)) {
