@@ -294,7 +294,8 @@ std::shared_ptr<DemoArchive> DemoArchive::fromFiles(const std::vector<ArchiveFil
         const std::uint64_t offset = archive->bytes_.size();
         archive->bytes_.insert(archive->bytes_.end(), file.bytes.begin(), file.bytes.end());
         const std::uint64_t size = file.bytes.size();
-        archive->entries_.insert_or_assign(normalizeArchivePath(file.path), Entry{offset, size, size, 0});
+        archive->entries_.insert_or_assign(normalizeArchivePath(file.path),
+                                           Entry{offset, size, size, 0});
     }
     return archive;
 }

@@ -89,6 +89,11 @@ DirectoryListing listDirectoryFiles(const fs::path& root, const fs::path& exclud
         if (fs::is_directory(status)) {
             continue;
         }
+        // Counted before anything is kept, skipped entries too.
+        if (listing.files.size() + listing.skipped.size() == kMaxDirectoryFiles) {
+            throw std::runtime_error("more than " + std::to_string(kMaxDirectoryFiles) +
+                                     " files under " + shown(root));
+        }
         fs::path source = path;
         std::string skipped;
         if (fs::is_symlink(status)) {
@@ -109,10 +114,6 @@ DirectoryListing listDirectoryFiles(const fs::path& root, const fs::path& exclud
             throw std::runtime_error("cannot take " + quoted(name) +
                                      ": its name would read as a different archive path");
         }
-        if (listing.files.size() == kMaxDirectoryFiles) {
-            throw std::runtime_error("more than " + std::to_string(kMaxDirectoryFiles) +
-                                     " files under " + shown(root));
-        }
         const std::uintmax_t size = fs::file_size(source, statusError);
         listing.files.push_back({name, source, statusError ? 0 : static_cast<std::uint64_t>(size)});
     }
@@ -132,7 +133,8 @@ bool appendDirectoryFile(const DirectoryFile& file, std::uint64_t limit,
         return std::runtime_error("cannot read " + shown(file.source) + ": " + reason);
     };
     // O_NONBLOCK: a FIFO swapped in after the walk looked must not block the open.
-    const FileDescriptor fd{::open(file.source.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC)};
+    const FileDescriptor fd{
+        ::open(file.source.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC)};
     struct stat status {};
     if (fd.fd < 0 || ::fstat(fd.fd, &status) != 0) {
         throw fail(std::strerror(errno));
@@ -157,7 +159,8 @@ bool appendDirectoryFile(const DirectoryFile& file, std::uint64_t limit,
         if (n == 0) {
             break;
         }
-        if (static_cast<std::uint64_t>(n) > limit - (out.size() - start)) { // it grew past the limit
+        // A file that grew past the limit while being read.
+        if (static_cast<std::uint64_t>(n) > limit - (out.size() - start)) {
             out.resize(start);
             return false;
         }

@@ -19,7 +19,8 @@ struct DirectoryListing {
     std::vector<std::string> skipped;  // one printable note per thing left out: "'name': reason"
 };
 
-// A show holds a few dozen files; a walk that finds more than this was given the wrong directory.
+// A show holds a few dozen files; a walk that finds more than this (skipped ones included) was
+// given the wrong directory.
 inline constexpr std::size_t kMaxDirectoryFiles = 65536;
 
 // The files of a directory as a show's files, for the packer and the directory source alike.

@@ -153,8 +153,9 @@ int check(const std::string& showPath) {
     if (count.errors == 0 && count.warnings == 0) {
         std::printf("%s: no problems found\n", printable(showPath).c_str());
     } else {
-        std::printf("%s: %s, %s\n", printable(showPath).c_str(), plural(count.errors, "error").c_str(),
-                    plural(count.warnings, "warning").c_str());
+        const std::string errors = plural(count.errors, "error");
+        const std::string warnings = plural(count.warnings, "warning");
+        std::printf("%s: %s, %s\n", printable(showPath).c_str(), errors.c_str(), warnings.c_str());
     }
     return count.errors == 0 ? 0 : 1;
 }
@@ -195,8 +196,9 @@ int pack(const std::string& output, const std::string& directory,
     const std::vector<ArchiveFile> files = collectFiles(directory, output);
     if (checkFirst) {
         // The files as they will be packed, not the directory read again.
+        const auto archive = DemoArchive::fromFiles(files);
         const CheckCount count =
-            printFindings(brisvale::checkShow(*DemoArchive::fromFiles(files)), directory, true, stderr);
+            printFindings(brisvale::checkShow(*archive), directory, true, stderr);
         if (count.errors != 0) {
             throw ToolError("not packing " + printable(directory) + ": the show has " +
                             plural(count.errors, "error") + " (--no-check packs it anyway)");

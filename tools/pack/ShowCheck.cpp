@@ -89,20 +89,24 @@ ManifestRead checkManifest(const DemoArchive& archive, Findings& findings) {
     try {
         validateDemoManifest(read.manifest);
     } catch (const std::runtime_error& error) {
-        std::string message = error.what();
-        std::string empty;
-        for (const auto& [key, path] : {std::pair{"demo.timeline.shader", &read.manifest.shaderPath},
-                                        std::pair{"demo.timeline.assets", &read.manifest.assetManifestPath},
-                                        std::pair{"demo.timeline.audio", &read.manifest.audioPath}}) {
+        const DemoManifest& manifest = read.manifest;
+        std::string empty; // the keys that name no file
+        for (const auto& [key, path] :
+             {std::pair{"demo.timeline.shader", &manifest.shaderPath},
+              std::pair{"demo.timeline.assets", &manifest.assetManifestPath},
+              std::pair{"demo.timeline.audio", &manifest.audioPath}}) {
             if (path->empty()) {
-                empty += std::string(empty.empty() ? " (" : ", ") + key;
+                empty += std::string(empty.empty() ? " (missing or empty: " : ", ") + key;
             }
         }
-        findings.error(kManifestPath, 0, empty.empty() ? message : message + empty + " names no file)");
+        const std::string message = error.what();
+        findings.error(kManifestPath, 0,
+                       empty.empty() ? message : message + empty + ")");
     }
     if (read.lineOf("demo.timeline.shader") == 0) {
         findings.warning(kManifestPath, 0,
-                         "no demo.timeline.shader: the shader is \"" + read.manifest.shaderPath + "\"");
+                         "no demo.timeline.shader: the shader is \"" + read.manifest.shaderPath +
+                             "\"");
     }
     return read;
 }
@@ -143,15 +147,18 @@ void reportCompileError(const std::string& message, const ExpandedShaderSource& 
     }
     rest.remove_prefix(kPrefix.size());
     std::string stage;
-    if (const std::size_t colon = rest.find(" stage: "); colon != std::string_view::npos &&
-                                                          rest.substr(0, colon).find(' ') == std::string_view::npos) {
-        stage = std::string(rest.substr(0, colon + 8));
-        rest.remove_prefix(colon + 8);
+    constexpr std::string_view kStage = " stage: ";
+    const std::size_t stageEnd = rest.find(kStage);
+    if (stageEnd != std::string_view::npos &&
+        rest.substr(0, stageEnd).find(' ') == std::string_view::npos) {
+        stage = std::string(rest.substr(0, stageEnd + kStage.size()));
+        rest.remove_prefix(stageEnd + kStage.size());
     }
     // The errors are joined by "; ", each starting with its location.
     while (!rest.empty()) {
         std::size_t end = std::string_view::npos;
-        for (std::size_t at = rest.find("; "); at != std::string_view::npos; at = rest.find("; ", at + 2)) {
+        for (std::size_t at = rest.find("; "); at != std::string_view::npos;
+             at = rest.find("; ", at + 2)) {
             std::string_view next = rest.substr(at + 2);
             std::uint32_t ignored = 0;
             if (takeLocation(next, ignored)) {
@@ -226,14 +233,16 @@ std::vector<std::pair<std::string, std::uint32_t>> imageList(const DemoArchive& 
         forEachImageKey(archive, assetsPath, [&](const ImageKeyLine& line) {
             if (!isPlainIndex(line.indexText)) {
                 findings.warning(assetsPath, line.number,
-                                 quoted(line.key) + " counts as image index " + std::to_string(line.index));
+                                 quoted(line.key) + " counts as image index " +
+                                     std::to_string(line.index));
             }
             const auto [slot, added] = byIndex.try_emplace(line.index);
             if (!added) {
                 findings.warning(assetsPath, line.number,
-                                 quoted(line.key) + " replaces " + quoted(slot->second.key) + " of line " +
-                                     std::to_string(slot->second.line) + ": both are image index " +
-                                     std::to_string(line.index) + " and only the last one is used");
+                                 quoted(line.key) + " replaces " + quoted(slot->second.key) +
+                                     " of line " + std::to_string(slot->second.line) +
+                                     ": both are image index " + std::to_string(line.index) +
+                                     " and only the last one is used");
             }
             slot->second = {std::string(line.key), line.number, line.path};
         });
@@ -271,8 +280,9 @@ void checkImages(const DemoArchive& archive, const ManifestRead& read, Findings&
         try {
             bytes = archive.open(path);
         } catch (const std::runtime_error& error) {
-            findings.error(archive.contains(path) ? path : assetsPath, archive.contains(path) ? 0 : line,
-                           error.what());
+            // A missing image is the asset manifest line's fault; a damaged one the file's own.
+            const bool missing = !archive.contains(path);
+            findings.error(missing ? assetsPath : path, missing ? line : 0, error.what());
             continue;
         }
         try {
@@ -307,7 +317,8 @@ void checkMusic(const DemoArchive& archive, const ManifestRead& read, Findings& 
         music = archive.open(audioPath);
     } catch (const std::runtime_error& error) {
         const bool missing = !archive.contains(audioPath);
-        findings.error(missing ? kManifestPath : audioPath, missing ? read.lineOf("demo.timeline.audio") : 0,
+        findings.error(missing ? kManifestPath : audioPath,
+                       missing ? read.lineOf("demo.timeline.audio") : 0,
                        std::string(error.what()) + ": " + kNoEnd);
         return;
     }
@@ -319,7 +330,8 @@ void checkMusic(const DemoArchive& archive, const ManifestRead& read, Findings& 
     }
     std::memcpy(block, music.data(), music.size());
     audio::audio_song song{};
-    if (audio::audio_song_load_from_memory(&song, block, static_cast<std::int64_t>(music.size())) != 0) {
+    const auto size = static_cast<std::int64_t>(music.size());
+    if (audio::audio_song_load_from_memory(&song, block, size) != 0) {
         findings.error(audioPath, 0, std::string("the music does not decode: ") + kNoEnd);
     } else if (!(audio::audio_song_duration(&song) > 0.0)) {
         findings.error(audioPath, 0, "the music has no known length: the show would never end");
