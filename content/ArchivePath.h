@@ -14,4 +14,10 @@ std::string normalizeArchivePath(std::string_view path);
 // A reference that names nothing resolves to `base` itself. Never fails.
 std::string joinArchivePath(std::string_view base, std::string_view relative);
 
+// `path` safe to print on one line: control characters (C0, DEL, C1) and bytes that are not
+// UTF-8 become \xNN, so a name can neither drive a terminal nor forge a line or a column of a
+// listing. Canonical paths never hold a backslash (it is a separator), so the escape is
+// unambiguous in them.
+std::string printableArchivePath(std::string_view path);
+
 } // namespace brisvale

@@ -63,7 +63,8 @@ std::int64_t parseIndex(std::string_view text) {
 
 } // namespace
 
-std::vector<std::string> loadImagePaths(const DemoArchive& archive, std::string_view manifestPath) {
+void forEachImageKey(const DemoArchive& archive, std::string_view manifestPath,
+                     const std::function<void(const ImageKeyLine&)>& visit) {
     const std::string bytes = archive.readText(manifestPath);
     std::string_view text = utf8::beforeNul(bytes);
     if (!utf8::isValid(text)) {
@@ -73,9 +74,13 @@ std::vector<std::string> loadImagePaths(const DemoArchive& archive, std::string_
     // line's key would silently not match.
     text = utf8::withoutByteOrderMark(text);
 
-    std::map<std::int64_t, std::string_view> valuesByIndex;
     std::size_t lineStart = 0;
+    std::uint32_t number = 0; // for messages only; beyond any archive's line count before it wraps
     while (lineStart <= text.size()) {
+        // The empty line between a CR and its LF is no line in an editor.
+        const bool betweenCrAndLf = lineStart > 0 && lineStart < text.size() &&
+                                    text[lineStart - 1] == '\r' && text[lineStart] == '\n';
+        number += betweenCrAndLf ? 0 : 1;
         // Find the end of this line: the next line break or the end of the text.
         std::size_t lineEnd = text.size();
         std::size_t nextStart = text.size() + 1;
@@ -104,13 +109,20 @@ std::vector<std::string> loadImagePaths(const DemoArchive& archive, std::string_
         }
         const std::string_view index = key.substr(
             kKeyPrefix.size(), key.size() - kKeyPrefix.size() - kKeySuffix.size());
-        valuesByIndex.insert_or_assign(parseIndex(index), utf8::trimSpaces(line.substr(equals + 1)));
+        visit({number, key, index, parseIndex(index),
+               joinArchivePath(manifestPath, utf8::trimSpaces(line.substr(equals + 1)))});
     }
+}
 
+std::vector<std::string> loadImagePaths(const DemoArchive& archive, std::string_view manifestPath) {
+    std::map<std::int64_t, std::string> pathsByIndex;
+    forEachImageKey(archive, manifestPath, [&](const ImageKeyLine& line) {
+        pathsByIndex.insert_or_assign(line.index, line.path);
+    });
     std::vector<std::string> paths;
-    paths.reserve(valuesByIndex.size());
-    for (const auto& [index, value] : valuesByIndex) {
-        paths.push_back(joinArchivePath(manifestPath, value));
+    paths.reserve(pathsByIndex.size());
+    for (auto& [index, path] : pathsByIndex) {
+        paths.push_back(std::move(path));
     }
     return paths;
 }

@@ -1,7 +1,7 @@
 // The demo archive reader: loading the container (header, directory), lookups, and inflating
 // gzip entries into the cache on first open.
 //
-// Sections: [messages] [reading] [inflation] [loading] [lookups]
+// Sections: [messages] [reading] [inflation] [loading] [other sources] [lookups]
 
 #include "content/DemoArchive.h"
 
@@ -17,6 +17,8 @@
 #include <stdexcept>
 
 #include "content/ArchivePath.h"
+#include "content/ArchiveWriter.h"
+#include "content/DirectoryFiles.h"
 
 namespace brisvale {
 namespace {
@@ -26,6 +28,7 @@ constexpr const char* kOpenFailed = "Failed to open demo archive: ";
 constexpr const char* kSizeFailed = "Failed to read demo archive size: ";
 constexpr const char* kReadFailed = "Failed to read demo archive: ";
 constexpr const char* kTooLarge = "Demo archive larger than 512 MiB: ";
+constexpr const char* kDirectoryTooLarge = "Show directory larger than 512 MiB: ";
 constexpr const char* kInvalid = "Invalid demo archive: ";
 constexpr const char* kUnsupportedVersion = "Unsupported demo archive version";
 constexpr const char* kCorrupt = "Corrupt demo archive";
@@ -35,6 +38,9 @@ constexpr const char* kInflateInitFailed = "Failed to initialize demo archive de
 constexpr const char* kInflateFailed = "Failed to decompress demo archive entry";
 
 constexpr std::size_t kHeaderSize = 12;
+// A version 2 directory record without its name: what each file of a directory would add to
+// the container besides its content.
+constexpr std::size_t kRecordSize = 32;
 constexpr std::uint8_t kMagic[4] = {'B', 'D', 'A', 'T'};
 
 // [reading] --------------------------------------------------------------------------------
@@ -245,6 +251,51 @@ std::shared_ptr<DemoArchive> DemoArchive::load(const std::string& filePath) {
                                     nameLength);
         cursor += nameLength;
         archive->entries_.insert_or_assign(normalizeArchivePath(name), entry);
+    }
+    return archive;
+}
+
+// [other sources] --------------------------------------------------------------------------
+
+std::shared_ptr<DemoArchive> DemoArchive::loadDirectory(const std::string& directory) {
+    const DirectoryListing listing = listDirectoryFiles(directory);
+    // What the container of these files would weigh, stored: refused before a byte is read
+    // when the sizes seen by the walk already say so.
+    std::uint64_t containerSize = kHeaderSize;
+    std::uint64_t contentSize = 0;
+    for (const DirectoryFile& file : listing.files) {
+        containerSize += kRecordSize + file.name.size();
+        contentSize += std::min(file.size, kMaxFileSize + 1);
+    }
+    if (containerSize + contentSize > kMaxFileSize) {
+        throw std::runtime_error(kDirectoryTooLarge + directory);
+    }
+    auto archive = std::make_shared<DemoArchive>();
+    archive->bytes_.reserve(static_cast<std::size_t>(contentSize));
+    for (const DirectoryFile& file : listing.files) {
+        const std::uint64_t offset = archive->bytes_.size();
+        if (!appendDirectoryFile(file, kMaxFileSize - containerSize - offset, archive->bytes_)) {
+            throw std::runtime_error(kDirectoryTooLarge + directory);
+        }
+        const std::uint64_t size = archive->bytes_.size() - offset;
+        archive->entries_.insert_or_assign(file.name, Entry{offset, size, size, 0});
+    }
+    return archive;
+}
+
+std::shared_ptr<DemoArchive> DemoArchive::fromFiles(const std::vector<ArchiveFile>& files) {
+    auto archive = std::make_shared<DemoArchive>();
+    std::size_t total = 0;
+    for (const ArchiveFile& file : files) {
+        total += file.bytes.size();
+    }
+    archive->bytes_.reserve(total);
+    for (const ArchiveFile& file : files) {
+        const std::uint64_t offset = archive->bytes_.size();
+        archive->bytes_.insert(archive->bytes_.end(), file.bytes.begin(), file.bytes.end());
+        const std::uint64_t size = file.bytes.size();
+        archive->entries_.insert_or_assign(normalizeArchivePath(file.path),
+                                           Entry{offset, size, size, 0});
     }
     return archive;
 }

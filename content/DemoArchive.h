@@ -12,13 +12,16 @@
 
 namespace brisvale {
 
+struct ArchiveFile;
+
 // A read-only view of one file's bytes inside a loaded archive (start pointer and length).
 // Valid for as long as the archive that handed it out lives.
 using ArchiveBytes = std::span<const std::uint8_t>;
 
-// The content container `demo.dat`, held whole in memory. Built only by `load`, shared by its
-// users as std::shared_ptr<const DemoArchive>, read-only afterwards except for the cache of
-// inflated files. No lock: calls on one archive must not overlap in time.
+// The content container `demo.dat`, held whole in memory. Built by `load` (or, for authors, from
+// a directory or from files in memory: the same archive of stored files that packing them would
+// give), shared by its users as std::shared_ptr<const DemoArchive>, read-only afterwards except
+// for the cache of inflated files. No lock: calls on one archive must not overlap in time.
 class DemoArchive {
 public:
     // One directory record after loading; all fields zero when default-constructed.
@@ -45,6 +48,18 @@ public:
     // Only a regular file of at most kMaxFileSize bytes is read. Compressed data is not
     // examined until a file is opened.
     static std::shared_ptr<DemoArchive> load(const std::string& filePath);
+
+    // The files under `directory`, read now, as the archive brisvale-pack would make of it:
+    // the same files (listDirectoryFiles' rules: nothing outside the tree, regular files only)
+    // under the same names, served as stored entries. Refused like an archive over
+    // kMaxFileSize ("Show directory larger than 512 MiB: " + directory) when the files and
+    // their directory records would not fit in one. Throws std::runtime_error with one line.
+    static std::shared_ptr<DemoArchive> loadDirectory(const std::string& directory);
+
+    // An archive of `files` as stored entries, as writing them into a container and loading
+    // it would give (names normalised, a later file winning over an earlier one of the same
+    // key). Never fails.
+    static std::shared_ptr<DemoArchive> fromFiles(const std::vector<ArchiveFile>& files);
 
     // Whether a file with the normalised form of `path` exists. Never inflates, never fails.
     bool contains(std::string_view path) const;

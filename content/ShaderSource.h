@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -18,5 +19,28 @@ namespace brisvale {
 // expanded, and when the result would exceed 16 MiB.
 std::string loadMetalSourceWithIncludes(const DemoArchive& archive, std::string_view path,
                                         std::vector<std::string>& includeStack);
+
+// Where a line of expanded source came from.
+struct SourceOrigin {
+    std::string file;   // canonical archive path
+    std::uint32_t line; // 1-based line of that file (an include line for the empty line after
+                        // the included text)
+};
+
+struct ExpandedShaderSource {
+    std::string text;                  // exactly loadMetalSourceWithIncludes' output
+    std::vector<SourceOrigin> origins; // one per line of text (index = line - 1)
+    std::vector<std::string> files;    // every file read, canonical, in first-read order
+};
+
+// loadMetalSourceWithIncludes with a fresh include stack, and where each line came from. Fails
+// with its messages, and also when the result has more than 1,048,576 lines (the map would
+// outgrow the text many times over).
+ExpandedShaderSource expandShaderSource(const DemoArchive& archive, std::string_view path);
+
+// `message` (a compiler's, about `source.text`) with each location "0:<line>:" rewritten as
+// "<file>:<line>:" of the file that line came from. A line past the end is the end of the text
+// and names the last line; anything else is left as it is.
+std::string mapShaderMessage(std::string_view message, const ExpandedShaderSource& source);
 
 } // namespace brisvale

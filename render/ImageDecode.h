@@ -10,6 +10,11 @@ namespace brisvale {
 // The largest side an image file may declare. Decoding costs time and memory in proportion to
 // the declared size, however small the file, so bigger ones are refused before any decoding.
 inline constexpr std::uint32_t kMaxImageSide = 8192;
+// The side of every layer of the renderer's image array: each image is scaled to fill it.
+inline constexpr std::uint32_t kImageLayerEdge = 1024;
+// Pixels all the images of a show may declare together: 512 layer-sized images, 256 at 1920 ×
+// 1080, or 8 of the largest (8192 × 8192). Decoding costs time and memory by the declared size.
+inline constexpr std::uint64_t kImageDecodeBudgetPixels = 512ull * 1024 * 1024;
 
 struct ImageSize {
     std::uint32_t width = 0;

@@ -3,6 +3,7 @@
 // The operations live in RendererSetup.cpp (construction), FrameEncoding.cpp (draw, depth
 // target, completion handlers), GeometryPool.cpp (vertex pool growth) and ImageArray.cpp.
 
+#include "render/ImageDecode.h"
 #include "render/Renderer.h"
 #include "render/gpu/Buffer.h"
 #include "render/gpu/CommandBuffer.h"
@@ -30,10 +31,8 @@ namespace renderer_limits {
 inline constexpr std::uint32_t kFramesInFlight = 3;
 inline constexpr std::uint32_t kInitialVertexCapacity = 4096;
 inline constexpr std::uint32_t kMaxVertexCapacity = 262144;
-inline constexpr std::uint32_t kImageEdge = 1024;
-// Pixels all the images of a show may declare together: 512 layer-sized images, 256 at 1920 ×
-// 1080, or 8 of the largest (8192 × 8192). Decoding costs time and memory by the declared size.
-inline constexpr std::uint64_t kImageDecodeBudgetPixels = 512ull * 1024 * 1024;
+inline constexpr std::uint32_t kImageEdge = kImageLayerEdge;
+inline constexpr std::uint64_t kImageDecodeBudgetPixels = brisvale::kImageDecodeBudgetPixels;
 inline constexpr float kIntroEndSeconds = 9.25f;
 inline constexpr float kFinaleStartSeconds = 142.0f;
 } // namespace renderer_limits

@@ -54,8 +54,7 @@ Renderer::Impl::Impl(void* deviceArgument, void* layerArgument, std::shared_ptr<
     commandQueue = gpu::CommandQueue::create(*device, renderer_limits::kFramesInFlight);
     require(commandQueue, kNoQueue);
 
-    std::vector<std::string> includeStack;
-    const std::string source = loadMetalSourceWithIncludes(*archive, manifest.shaderPath, includeStack);
+    const ExpandedShaderSource source = expandShaderSource(*archive, manifest.shaderPath);
     const CompiledShaders shaders = compileSceneShaders(source);  // compile and missing-function messages
 
     using namespace shader_interface;

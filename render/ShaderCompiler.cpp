@@ -209,4 +209,12 @@ CompiledShaders compileSceneShaders(const std::string& expandedSource) {
     return out;
 }
 
+CompiledShaders compileSceneShaders(const ExpandedShaderSource& source) {
+    try {
+        return compileSceneShaders(source.text);
+    } catch (const std::runtime_error& error) {
+        throw std::runtime_error(mapShaderMessage(error.what(), source));
+    }
+}
+
 } // namespace brisvale

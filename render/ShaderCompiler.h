@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "content/ShaderSource.h"
+
 namespace brisvale {
 
 // SPIR-V for the three entry functions of one show shader source.
@@ -20,5 +22,10 @@ struct CompiledShaders {
 //   "Missing scene_vertex shader", "Missing scene_fragment shader",
 //   "Missing scene_compute shader" in that order. Safe to call from any thread.
 CompiledShaders compileSceneShaders(const std::string& expandedSource);
+
+// The same for a source expanded with its line map: the compiler's locations in the messages
+// name the show's files, as in "Failed to compile Metal shader source: fragment stage:
+// shaders/lib/noise.glsl:12: 'x' : undeclared identifier".
+CompiledShaders compileSceneShaders(const ExpandedShaderSource& source);
 
 } // namespace brisvale

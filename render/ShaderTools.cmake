@@ -11,6 +11,7 @@ add_library(brisvale_render_tools STATIC
 )
 target_include_directories(brisvale_render_tools PUBLIC ${PROJECT_SOURCE_DIR})
 target_link_libraries(brisvale_render_tools
+  PUBLIC brisvale_content
   PRIVATE glslang::glslang glslang::SPIRV glslang::glslang-default-resource-limits PkgConfig::STB
 )
 if(BRISVALE_SANITIZE OR BRISVALE_FUZZ)

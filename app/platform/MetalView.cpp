@@ -8,6 +8,7 @@
 
 #include "app/BundleResource.h"
 #include "app/platform/SystemLog.h"
+#include "content/ShowSource.h"
 #include "render/gpu/WindowSurface.h"
 
 namespace brisvale {
@@ -42,10 +43,8 @@ std::shared_ptr<const DemoArchive> loadShowArchive(const PlayerOptions& options)
         }
         return DemoArchive::load(*path);
     }
-    // A packed file, or a directory (ShowKind::Directory): loadShow (content/ShowSource.h) serves
-    // both, a directory through DemoArchive::loadDirectory. Until it is here a directory goes to
-    // DemoArchive::load too, which refuses it in one line.
-    return DemoArchive::load(options.showPath);
+    // A packed file, or a show directory read through the same archive interface.
+    return loadShow(options.showPath);
 }
 
 } // namespace

@@ -157,6 +157,12 @@ TEST_F(ShaderSourceTest, IncludeBombsStopAtTheirLimits) {
     EXPECT_EQ(errorFor("big.glsl"), "Expanded Metal shader source larger than 16 MiB");
     EXPECT_EQ(expand("deep37.glsl"), "end\n" + std::string(63, '\n')); // 64 files deep
     EXPECT_EQ(expand("bomb15.glsl").size(), 4094u);                      // 4094 includes
+
+    // The line map is bounded too: a million empty lines expand, but are not mapped one by one.
+    files({{"lines.glsl", std::string((1 << 20) + 1, '\n')}});
+    EXPECT_EQ(expand("lines.glsl").size(), (1u << 20) + 1);
+    EXPECT_EQ(errorOf([&] { expandShaderSource(*archive_, "lines.glsl"); }),
+              "Expanded Metal shader source longer than 1048576 lines");
 }
 
 TEST_F(ShaderSourceTest, MissingFilesAndBadTextNameTheCanonicalPath) {
@@ -170,6 +176,52 @@ TEST_F(ShaderSourceTest, MissingFilesAndBadTextNameTheCanonicalPath) {
     EXPECT_EQ(errorFor("uses-bad.glsl"), "Failed to decode Metal shader source: bad.glsl");
     EXPECT_EQ(expand("nul.glsl"), "kept\n");
     EXPECT_EQ(expand("bom.glsl"), "kept\n\n");
+}
+
+// [line map] -------------------------------------------------------------------------------
+
+std::vector<std::string> originsOf(const ExpandedShaderSource& source) {
+    std::vector<std::string> out;
+    for (const SourceOrigin& origin : source.origins) {
+        out.push_back(origin.file + ":" + std::to_string(origin.line));
+    }
+    return out;
+}
+
+TEST_F(ShaderSourceTest, TheLineMapNamesTheFileAndLineOfEveryExpandedLine) {
+    files({{"shaders/main.glsl", "\xEF\xBB\xBF" "first\r\n  #include \"lib/a.glsl\"\r\nmiddle\r\n"
+                                 "#include \"lib/a.glsl\"\rlast"},
+           {"shaders/lib/a.glsl", "a1\n#include \"b.glsl\"\na3\xE2\x80\xA8" "a4\n"},
+           {"shaders/lib/b.glsl", ""}});
+    const ExpandedShaderSource source = expandShaderSource(*archive_, "./shaders//main.glsl");
+    EXPECT_EQ(source.text, expand("shaders/main.glsl"));
+    EXPECT_EQ(source.text, "first\na1\n\na3\na4\n\nmiddle\na1\n\na3\na4\n\nlast\n");
+    // The empty line after an included file's text belongs to the include line that made it.
+    EXPECT_EQ(originsOf(source),
+              (std::vector<std::string>{"shaders/main.glsl:1", "shaders/lib/a.glsl:1", "shaders/lib/a.glsl:2",
+                                        "shaders/lib/a.glsl:3", "shaders/lib/a.glsl:4", "shaders/main.glsl:2",
+                                        "shaders/main.glsl:3", "shaders/lib/a.glsl:1", "shaders/lib/a.glsl:2",
+                                        "shaders/lib/a.glsl:3", "shaders/lib/a.glsl:4", "shaders/main.glsl:4",
+                                        "shaders/main.glsl:5"}));
+    EXPECT_EQ(source.files,
+              (std::vector<std::string>{"shaders/main.glsl", "shaders/lib/a.glsl", "shaders/lib/b.glsl"}));
+
+    // Expansion errors are loadMetalSourceWithIncludes' own.
+    files({{"a.glsl", "#include \"missing.glsl\"\n"}});
+    EXPECT_EQ(errorOf([&] { expandShaderSource(*archive_, "a.glsl"); }),
+              "Missing file in demo archive: missing.glsl");
+}
+
+TEST_F(ShaderSourceTest, CompilerLocationsAreRewrittenToTheShowsFiles) {
+    files({{"main.glsl", "one\n#include \"lib.glsl\"\nthree\n"}, {"lib.glsl", "l1\nl2\n"}});
+    const ExpandedShaderSource source = expandShaderSource(*archive_, "main.glsl");
+    ASSERT_EQ(source.origins.size(), 5u);
+    EXPECT_EQ(mapShaderMessage("vertex stage: 0:3: 'x' : undeclared identifier; 0:5: 'y' : bad", source),
+              "vertex stage: lib.glsl:2: 'x' : undeclared identifier; main.glsl:3: 'y' : bad");
+    // Past the end is the end of the text; other numbers with colons stay as they are.
+    EXPECT_EQ(mapShaderMessage("0:9: unexpected end of file", source), "main.glsl:3: unexpected end of file");
+    EXPECT_EQ(mapShaderMessage("10:2: v0:1: 0:0: 0:x: 0:", source), "10:2: v0:1: 0:0: 0:x: 0:");
+    EXPECT_EQ(mapShaderMessage("0:1: a", ExpandedShaderSource{}), "0:1: a");
 }
 
 TEST_F(ShaderSourceTest, ArchiveErrorsPassThrough) {

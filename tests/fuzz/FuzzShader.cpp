@@ -1,10 +1,12 @@
 // Fuzzes shader include expansion and compilation with arbitrary text made into a small tree of
 // files. The input up to the first marker line is "main.glsl"; each line "//>> NAME" starts the
 // file NAME, so includes between files, relative names and names that leave the tree are all
-// reachable. The tree is packed, loaded, expanded from main.glsl and compiled for all three
-// stages. Only std::runtime_error (the content and renderer messages) may come out; anything
-// else, a crash, a hang or a sanitizer report is a finding.
+// reachable. The tree is packed, loaded, expanded from main.glsl (with its line map) and
+// compiled for all three stages, the compiler's messages mapped to the files. Only
+// std::runtime_error (the content and renderer messages) may come out; anything else, a crash,
+// a hang or a sanitizer report is a finding.
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
@@ -73,9 +75,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (!includeStack.empty()) {
         std::abort();
     }
+    // The same expansion with its line map: the same text, one origin per line.
+    const brisvale::ExpandedShaderSource expanded = brisvale::expandShaderSource(*archive, kRoot);
+    if (expanded.text != source ||
+        expanded.origins.size() != static_cast<std::size_t>(std::count(source.begin(), source.end(), '\n'))) {
+        std::abort();
+    }
 
     brisvale::fuzz::expectOnlyRuntimeErrors([&] {
-        const brisvale::CompiledShaders shaders = brisvale::compileSceneShaders(source);
+        const brisvale::CompiledShaders shaders = brisvale::compileSceneShaders(expanded);
         for (const auto* words : {&shaders.vertex, &shaders.fragment, &shaders.compute}) {
             if (words->empty() || words->front() != kSpirvMagic) {
                 std::abort();

@@ -145,6 +145,7 @@ std::shared_ptr<const DemoArchive> makeArchive(const TempDir& dir, const ShowFil
         entries.push_back({path, images[i]});
     }
     if (files.withAssets) entries.push_back({"assets.txt", toBytes(files.assets.value_or(assets))});
+    entries.insert(entries.end(), files.more.begin(), files.more.end());
     static int counter = 0;
     const std::string path = dir.file("demo" + std::to_string(counter++) + ".dat");
     writeArchiveFile(path, entries);

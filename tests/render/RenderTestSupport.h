@@ -43,6 +43,7 @@ struct ShowFiles {
     bool withShader = true;
     std::optional<std::string> assets;                // assets.txt as given instead of the list
     bool withAssets = true;
+    std::vector<ArchiveFile> more;                    // further files, as given
 };
 
 // Writes demo.dat (demo.ini, scene.glsl, assets.txt, images) and loads it.

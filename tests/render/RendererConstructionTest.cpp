@@ -76,6 +76,12 @@ TEST_F(RendererConstruction, CompileFailureCarriesThePlatformDescription) {
     const std::string message = constructionError(files);
     EXPECT_EQ(message.rfind("Failed to compile Metal shader source: ", 0), 0u) << message;
     EXPECT_GT(message.size(), std::string("Failed to compile Metal shader source: ").size());
+
+    // The description names the show's own file and line, also inside an included file.
+    files.shader = "#include \"lib/noise.glsl\"\n" + std::string(kMarkerShader);
+    files.more = {{"lib/noise.glsl", toBytes("float ok;\nfloat bad = x;\n")}};
+    EXPECT_EQ(constructionError(files),
+              "Failed to compile Metal shader source: vertex stage: lib/noise.glsl:2: 'x' : undeclared identifier");
 }
 
 TEST_F(RendererConstruction, MissingFunctionsAreCheckedVertexFragmentCompute) {

@@ -12,6 +12,8 @@
 #include <thread>
 #include <vector>
 
+#include "content/ArchiveWriter.h"
+#include "content/ShaderSource.h"
 #include "render/ShaderCompiler.h"
 
 namespace brisvale {
@@ -265,6 +267,41 @@ TEST(ShaderCompiler, CompileErrorComesBeforeMissingFunctions) {
     EXPECT_TRUE(second.starts_with("Failed to compile Metal shader source: fragment stage: "))
         << second;
     EXPECT_NE(second.find("undefinedCall"), std::string::npos) << second;
+}
+
+// --- Errors in the show's own files ------------------------------------------------------
+
+std::vector<std::uint8_t> bytesOf(const std::string& text) {
+    return {text.begin(), text.end()};
+}
+
+// The expanded source of main.glsl: the good source, then an include of lib/extra.glsl.
+std::string errorThroughTheLineMap(const std::string& extra) {
+    const std::string main = shaderSource({}) + "#include \"lib/extra.glsl\"\n";
+    const auto archive = DemoArchive::fromFiles({{"main.glsl", bytesOf(main)}, {"lib/extra.glsl", bytesOf(extra)}});
+    const ExpandedShaderSource source = expandShaderSource(*archive, "main.glsl");
+    try {
+        compileSceneShaders(source);
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+    return "(no error)";
+}
+
+TEST(ShaderCompiler, ErrorsNameTheIncludedFileAndItsLine) {
+    EXPECT_EQ(errorThroughTheLineMap("float ok;\n\nfloat bad = missingThing;\n"),
+              "Failed to compile Metal shader source: vertex stage: lib/extra.glsl:3: 'missingThing' : "
+              "undeclared identifier");
+    // The compiler finds an unfinished file at the next token or at the end of the text, which
+    // both lie after the included text: the include line names them.
+    const std::string good = shaderSource({});
+    const auto includeLine = std::count(good.begin(), good.end(), '\n') + 1;
+    EXPECT_EQ(errorThroughTheLineMap("float ok;\nvoid unfinished() {\n"),
+              "Failed to compile Metal shader source: vertex stage: main.glsl:" + std::to_string(includeLine) +
+                  ": '' :  syntax error, unexpected end of file");
+    EXPECT_EQ(errorThroughTheLineMap("float ok;\n/* open"),
+              "Failed to compile Metal shader source: vertex stage: lib/extra.glsl:2: 'comment' : End of input in "
+              "comment");
 }
 
 // --- Missing functions ------------------------------------------------------------------

@@ -1,5 +1,6 @@
 // Runs the built brisvale-pack on real directories and containers: round trips in every layout
-// and compression mode, determinism, listing, and each refusal with its exit status.
+// and compression mode, determinism, listing, each refusal with its exit status, the show
+// check; and the directory source, which must read a directory as the packer packs it.
 
 #include <gtest/gtest.h>
 
@@ -19,6 +20,9 @@
 #include "content/ContentTestSupport.h"
 #include "content/ArchiveWriter.h"
 #include "content/DemoArchive.h"
+#include "content/DirectoryFiles.h"
+#include "content/ShaderSource.h"
+#include "content/ShowSource.h"
 
 extern char** environ;
 
@@ -26,6 +30,7 @@ namespace brisvale {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::errorOf;
 using testing::readBytes;
 using testing::TempDir;
 using testing::toBytes;
@@ -134,7 +139,7 @@ TEST_F(PackToolTest, RoundTripsEveryLayoutAndMode) {
     for (const auto& mode : modes) {
         SCOPED_TRACE(::testing::PrintToString(mode));
         const std::string archivePath = path("demo" + std::to_string(round) + ".dat");
-        std::vector<std::string> args = {"-o", archivePath};
+        std::vector<std::string> args = {"-o", archivePath, "--no-check"};
         args.insert(args.end(), mode.begin(), mode.end());
         args.push_back(source_.string());
         const Result packed = pack(scratch_, args);
@@ -167,7 +172,7 @@ TEST_F(PackToolTest, RoundTripsEveryLayoutAndMode) {
 }
 
 TEST_F(PackToolTest, AutoCompressesOnlyWhatShrinks) {
-    ASSERT_EQ(pack(scratch_, {"-o", path("demo.dat"), source_.string()}).status, 0);
+    ASSERT_EQ(pack(scratch_, {"-o", path("demo.dat"), "--no-check", source_.string()}).status, 0);
     const auto archive = DemoArchive::load(path("demo.dat"));
     auto gzip = [&](const std::string& name) {
         return (archive->entries().at(name).flags & DemoArchive::kGzipFlag) != 0;
@@ -180,7 +185,7 @@ TEST_F(PackToolTest, AutoCompressesOnlyWhatShrinks) {
 }
 
 TEST_F(PackToolTest, OutputIsDeterministicAndSorted) {
-    ASSERT_EQ(pack(scratch_, {"-o", path("a.dat"), source_.string()}).status, 0);
+    ASSERT_EQ(pack(scratch_, {"-o", path("a.dat"), "--no-check", source_.string()}).status, 0);
     // The same content written again, in another order and at another time.
     const fs::path copy = scratch_.path() / "copy";
     fs::create_directories(copy);
@@ -189,8 +194,8 @@ TEST_F(PackToolTest, OutputIsDeterministicAndSorted) {
         fs::create_directories((copy / it->first).parent_path());
         writeBytes((copy / it->first).string(), it->second);
     }
-    ASSERT_EQ(pack(scratch_, {"-o", path("b.dat"), copy.string()}).status, 0);
-    ASSERT_EQ(pack(scratch_, {"-o", path("c.dat"), source_.string() + "/"}).status, 0);
+    ASSERT_EQ(pack(scratch_, {"-o", path("b.dat"), "--no-check", copy.string()}).status, 0);
+    ASSERT_EQ(pack(scratch_, {"-o", path("c.dat"), "--no-check", source_.string() + "/"}).status, 0);
     EXPECT_EQ(readBytes(path("a.dat")), readBytes(path("b.dat")));
     EXPECT_EQ(readBytes(path("a.dat")), readBytes(path("c.dat")));
 
@@ -210,9 +215,9 @@ TEST_F(PackToolTest, OutputIsDeterministicAndSorted) {
 
 TEST_F(PackToolTest, OutputInsideTheSourceIsNotPackedIntoItself) {
     const std::string inside = (source_ / "demo.dat").string();
-    ASSERT_EQ(pack(scratch_, {"-o", inside, source_.string()}).status, 0);
+    ASSERT_EQ(pack(scratch_, {"-o", inside, "--no-check", source_.string()}).status, 0);
     const auto first = readBytes(inside);
-    ASSERT_EQ(pack(scratch_, {"-o", inside, source_.string()}).status, 0);
+    ASSERT_EQ(pack(scratch_, {"-o", inside, "--no-check", source_.string()}).status, 0);
     EXPECT_EQ(readBytes(inside), first);
     EXPECT_FALSE(DemoArchive::load(inside)->contains("demo.dat"));
 }
@@ -220,7 +225,7 @@ TEST_F(PackToolTest, OutputInsideTheSourceIsNotPackedIntoItself) {
 // [listing] --------------------------------------------------------------------------------
 
 TEST_F(PackToolTest, ListsEveryEntryAndTheTotal) {
-    ASSERT_EQ(pack(scratch_, {"-o", path("demo.dat"), source_.string()}).status, 0);
+    ASSERT_EQ(pack(scratch_, {"-o", path("demo.dat"), "--no-check", source_.string()}).status, 0);
     const Result listed = pack(scratch_, {"--list", path("demo.dat")});
     ASSERT_EQ(listed.status, 0) << listed.err;
     const auto archive = DemoArchive::load(path("demo.dat"));
@@ -258,6 +263,10 @@ TEST_F(PackToolTest, BadCommandLinesAreUsageErrors) {
         {"--list", path("x.dat"), "--compress", "all"},
         {"--extract", path("x.dat")},
         {"--list", path("x.dat"), "-o", path("y.dat")},
+        {"--check"},
+        {"--check", source_.string(), source_.string()},
+        {"--check", source_.string(), "--no-check"},
+        {"--list", path("x.dat"), "--no-check"},
     };
     for (const auto& args : bad) {
         const Result result = pack(scratch_, args);
@@ -273,7 +282,7 @@ TEST_F(PackToolTest, BadCommandLinesAreUsageErrors) {
 
 TEST_F(PackToolTest, FailedPacksKeepThePreviousOutput) {
     const std::string out = path("demo.dat");
-    ASSERT_EQ(pack(scratch_, {"-o", out, source_.string()}).status, 0);
+    ASSERT_EQ(pack(scratch_, {"-o", out, "--no-check", source_.string()}).status, 0);
     const auto good = readBytes(out);
 
     const Result missing = pack(scratch_, {"-o", out, path("nowhere")});
@@ -289,14 +298,19 @@ TEST_F(PackToolTest, FailedPacksKeepThePreviousOutput) {
     const Result huge = pack(scratch_, {"-o", out, source_.string()});
     EXPECT_EQ(huge.status, 1);
     EXPECT_EQ(huge.err, "brisvale-pack: cannot pack 'huge.bin': files of 4 GiB or more cannot be stored\n");
+    // The directory source refuses it as it refuses a container over 512 MiB.
+    EXPECT_EQ(errorOf([&] { DemoArchive::loadDirectory(source_.string()); }),
+              "Show directory larger than 512 MiB: " + source_.string());
     fs::remove(source_ / "huge.bin");
 
     // A name the archive would read as a different path.
     writeBytes((source_ / "back\\slash.txt").string(), toBytes("x"));
     const Result backslash = pack(scratch_, {"-o", out, source_.string()});
     EXPECT_EQ(backslash.status, 1);
-    EXPECT_EQ(backslash.err, "brisvale-pack: cannot pack 'back\\slash.txt': its name would read "
+    EXPECT_EQ(backslash.err, "brisvale-pack: cannot take 'back\\slash.txt': its name would read "
                              "as a different archive path\n");
+    EXPECT_EQ("brisvale-pack: " + errorOf([&] { DemoArchive::loadDirectory(source_.string()); }) + "\n",
+              backslash.err);
 
     EXPECT_EQ(readBytes(out), good);
     EXPECT_EQ(std::distance(fs::directory_iterator(scratch_.path()), fs::directory_iterator()),
@@ -488,7 +502,7 @@ TEST_F(PackToolTest, PacksOnlyWhatLiesInsideAndNamesWhatItSkips) {
     fs::create_symlink("nowhere", source_ / "dangling");
     ASSERT_EQ(mkfifo((source_ / "images" / "fifo").c_str(), 0600), 0);
 
-    const Result packed = pack(scratch_, {"-o", path("demo.dat"), source_.string()});
+    const Result packed = pack(scratch_, {"-o", path("demo.dat"), "--no-check", source_.string()});
     ASSERT_EQ(packed.status, 0) << packed.err;
     std::vector<std::string> lines;
     std::istringstream err(packed.err);
@@ -505,6 +519,146 @@ TEST_F(PackToolTest, PacksOnlyWhatLiesInsideAndNamesWhatItSkips) {
     const auto archive = DemoArchive::load(path("demo.dat"));
     EXPECT_EQ(archive->entries().size(), 8u);
     EXPECT_EQ(archive->readText("inside-link"), "float n;");
+
+    // A show directory serves what its packed form holds, byte for byte, under the same names.
+    const auto directory = DemoArchive::loadDirectory(source_.string());
+    ASSERT_EQ(directory->entries().size(), archive->entries().size());
+    for (const auto& [name, entry] : archive->entries()) {
+        EXPECT_EQ(directory->readCopy(name), archive->readCopy(name)) << name;
+    }
+}
+
+TEST_F(PackToolTest, ShowDirectoriesNeedADemoIniAndFailInOneLine) {
+    fs::remove(source_ / "demo.ini");
+    EXPECT_EQ(errorOf([&] { loadShow(source_.string()); }), "No demo.ini in show directory: " + source_.string());
+    fs::create_symlink(path("elsewhere.ini"), source_ / "demo.ini"); // leads out: left out
+    writeBytes(path("elsewhere.ini"), toBytes("demo.timeline.audio = a.ogg\n"));
+    EXPECT_EQ(errorOf([&] { loadShow(source_.string()); }), "No demo.ini in show directory: " + source_.string());
+    EXPECT_EQ(errorOf([&] { loadShow(path("absent")); }), "Failed to open demo archive: " + path("absent"));
+
+    // A file that is gone by the time it is read.
+    const DirectoryListing listing = listDirectoryFiles(source_);
+    fs::remove(source_ / "empty.txt");
+    std::vector<std::uint8_t> bytes = toBytes("kept");
+    for (const DirectoryFile& file : listing.files) {
+        if (file.name == "empty.txt") {
+            EXPECT_EQ(errorOf([&] { appendDirectoryFile(file, 100, bytes); }),
+                      "cannot read " + (source_ / "empty.txt").string() + ": No such file or directory");
+        } else if (file.name == "images/zeros.raw") {
+            EXPECT_FALSE(appendDirectoryFile(file, 29999, bytes)); // one byte too many
+        }
+    }
+    EXPECT_EQ(bytes, toBytes("kept"));
+}
+
+// [checking] -------------------------------------------------------------------------------
+
+// The lines of `text`.
+std::vector<std::string> linesOf(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+// The player's test show (made at build time with real FLAC music and a PNG), with one thing
+// after another broken.
+TEST_F(PackToolTest, CheckListsEveryProblemOfAShowAtOnce) {
+    const fs::path good = BRISVALE_TEST_SHOW_DIR;
+    const Result clean = pack(scratch_, {"--check", good.string()});
+    EXPECT_EQ(clean.status, 0) << clean.out;
+    EXPECT_EQ(clean.out, good.string() + ": no problems found\n");
+
+    const fs::path show = scratch_.path() / "show";
+    fs::copy(good, show, fs::copy_options::recursive);
+    writeBytes((show / "demo.ini").string(), toBytes("demo.name = Broken\n"
+                                                     "demo.timeline.assets = assets.txt\n"
+                                                     "demo.timeline.audio = music/song.flac\n"
+                                                     "demo.output.fps = 6O\n"
+                                                     "demo.title = x\n"));
+    fs::create_directories(show / "shaders" / "lib");
+    fs::rename(show / "shaders" / "phases.glsl", show / "Quad.metal");
+    std::string shader = "#include \"shaders/lib/noise.glsl\"\n";
+    const auto phases = readBytes((show / "Quad.metal").string());
+    shader.append(phases.begin(), phases.end());
+    writeBytes((show / "Quad.metal").string(), toBytes(shader));
+    writeBytes((show / "shaders" / "lib" / "noise.glsl").string(), toBytes("float ok;\nfloat bad = missingThing;\n"));
+    writeBytes((show / "assets.txt").string(), toBytes("image.0.path = images/tile.png\r\n"
+                                                       "image.x.path = images/none.png\r\n"
+                                                       "image.1.path = images/text.png\r\n"));
+    writeBytes((show / "images" / "text.png").string(), toBytes("not an image"));
+    writeBytes((show / "music" / "song.flac").string(), std::vector<std::uint8_t>(5000, 0x5A));
+
+    const std::vector<std::string> findings = {
+        "demo.ini:4: error: Invalid numeric demo manifest value: demo.output.fps",
+        "demo.ini:5: warning: unknown key 'demo.title' is ignored",
+        "demo.ini: warning: no demo.timeline.shader: the shader is \"Quad.metal\"",
+        "shaders/lib/noise.glsl:2: error: vertex stage: 'missingThing' : undeclared identifier",
+        "assets.txt:2: warning: 'image.x.path' counts as image index 0",
+        "assets.txt:2: warning: 'image.x.path' replaces 'image.0.path' of line 1: both are image index 0 and "
+        "only the last one is used",
+        "assets.txt:2: error: Missing file in demo archive: images/none.png",
+        "images/text.png: error: Failed to load image: images/text.png",
+        "music/song.flac: error: the music does not decode: the show would play silent and never end",
+    };
+    // A directory's files are named on disk, for an editor to open; a packed file's by their
+    // archive paths.
+    std::vector<std::string> expected;
+    for (const std::string& finding : findings) {
+        expected.push_back((show / finding).string());
+    }
+    expected.push_back(show.string() + ": 5 errors, 4 warnings");
+    const Result checked = pack(scratch_, {"--check", show.string()});
+    EXPECT_EQ(checked.status, 1);
+    EXPECT_EQ(linesOf(checked.out), expected);
+
+    // Packing refuses it, naming the same problems, unless told not to check.
+    const Result refused = pack(scratch_, {"-o", path("broken.dat"), show.string()});
+    EXPECT_EQ(refused.status, 1);
+    expected.back() = "brisvale-pack: not packing " + show.string() +
+                      ": the show has 5 errors (--no-check packs it anyway)";
+    EXPECT_EQ(linesOf(refused.err), expected);
+    EXPECT_FALSE(fs::exists(path("broken.dat")));
+    ASSERT_EQ(pack(scratch_, {"-o", path("broken.dat"), "--no-check", show.string()}).status, 0);
+    const Result packed = pack(scratch_, {"--check", path("broken.dat")});
+    EXPECT_EQ(packed.status, 1);
+    expected = findings;
+    expected.push_back(path("broken.dat") + ": 5 errors, 4 warnings");
+    EXPECT_EQ(linesOf(packed.out), expected);
+
+    // The directory serves the packed show's bytes, includes and images alike.
+    const auto fromDirectory = loadShow(show.string());
+    const auto fromPacked = loadShow(path("broken.dat"));
+    EXPECT_EQ(expandShaderSource(*fromDirectory, "Quad.metal").text, expandShaderSource(*fromPacked, "Quad.metal").text);
+    ASSERT_EQ(fromDirectory->entries().size(), fromPacked->entries().size());
+    for (const auto& [name, entry] : fromPacked->entries()) {
+        EXPECT_EQ(fromDirectory->readCopy(name), fromPacked->readCopy(name)) << name;
+    }
+
+    // A demo.ini that names only music that is not there: the defaults lead nowhere either.
+    const std::string ini = (source_ / "demo.ini").string();
+    const Result notAShow = pack(scratch_, {"--check", source_.string()});
+    EXPECT_EQ(notAShow.status, 1);
+    EXPECT_EQ(linesOf(notAShow.out),
+              (std::vector<std::string>{
+                  ini + ": warning: no demo.timeline.shader: the shader is \"Quad.metal\"",
+                  ini + ": error: Missing file in demo archive: Quad.metal",
+                  ini + ": error: Missing file in demo archive: assets.txt",
+                  ini + ":1: error: Missing file in demo archive: song.ogg: the show would play silent and never end",
+                  source_.string() + ": 3 errors, 1 warning"}));
+    // What cannot be read as a show at all is one error.
+    fs::remove(source_ / "demo.ini");
+    EXPECT_EQ(pack(scratch_, {"--check", source_.string()}).out,
+              source_.string() + ": error: No demo.ini in show directory: " + source_.string() + "\n" +
+                  source_.string() + ": 1 error, 0 warnings\n");
+
+#ifdef BRISVALE_SHOW_DEMO_DAT
+    const Result defaultShow = pack(scratch_, {"--check", BRISVALE_SHOW_DEMO_DAT});
+    EXPECT_EQ(defaultShow.status, 0) << defaultShow.out;
+    EXPECT_EQ(defaultShow.out, std::string(BRISVALE_SHOW_DEMO_DAT) + ": no problems found\n");
+#endif
 }
 
 } // namespace

@@ -1,15 +1,17 @@
 // brisvale-pack: the authoring tool for demo containers.
 //
-//   brisvale-pack -o demo.dat [--format 1|2] [--compress auto|all|none] DIR
+//   brisvale-pack -o demo.dat [--format 1|2] [--compress auto|all|none] [--no-check] DIR
+//   brisvale-pack --check SHOW
 //   brisvale-pack --list demo.dat
 //   brisvale-pack --extract demo.dat DIR
 //
-// Packing is deterministic (sorted paths, fixed gzip header) and replaces the output file only
-// once the whole container is written; what it skips it names on stderr. Extracting creates new
-// files only and, when it fails, removes what it created. Every failure is one line on stderr
-// and exit status 1 (2 for a wrong command line).
+// Packing checks the show first and packs only one that would start; it is deterministic
+// (sorted paths, fixed gzip header) and replaces the output file only once the whole container
+// is written; what it skips it names on stderr. The check lists every problem of a show, one
+// line each. Extracting creates new files only and, when it fails, removes what it created.
+// Every failure is one line on stderr and exit status 1 (2 for a wrong command line).
 //
-// Sections: [usage] [messages] [pack] [list] [extract] [main]
+// Sections: [usage] [messages] [check] [pack] [list] [extract] [main]
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -29,6 +31,9 @@
 #include "content/ArchivePath.h"
 #include "content/ArchiveWriter.h"
 #include "content/DemoArchive.h"
+#include "content/DirectoryFiles.h"
+#include "content/ShowSource.h"
+#include "tools/pack/ShowCheck.h"
 
 namespace fs = std::filesystem;
 using brisvale::ArchiveCompression;
@@ -48,23 +53,32 @@ struct ToolError : std::runtime_error {
 // [usage] ----------------------------------------------------------------------------------
 
 constexpr const char* kUsage =
-    "Usage: brisvale-pack -o OUTPUT [--format 1|2] [--compress auto|all|none] DIR\n"
+    "Usage: brisvale-pack -o OUTPUT [--format 1|2] [--compress auto|all|none] [--no-check] DIR\n"
+    "  or:  brisvale-pack --check SHOW\n"
     "  or:  brisvale-pack --list ARCHIVE\n"
     "  or:  brisvale-pack --extract ARCHIVE DIR\n"
-    "Packs a show directory into one show file (demo.dat) for the Brisvale player, lists\n"
-    "what a show file holds, or unpacks one. The same directory always packs to the same\n"
-    "bytes, and the output is replaced only once it has been written whole.\n"
+    "Packs a show directory into one show file (demo.dat) for the Brisvale player, checks a\n"
+    "show without playing it, lists what a show file holds, or unpacks one. The same directory\n"
+    "always packs to the same bytes, and the output is replaced only once it has been written\n"
+    "whole.\n"
     "\n"
     "Options:\n"
     "  -o, --output OUTPUT     pack every regular file under DIR into OUTPUT, under its\n"
     "                          path relative to DIR. A symbolic link is packed as the\n"
     "                          file it leads to when that lies inside DIR; other links\n"
-    "                          and special files are skipped, each named on stderr\n"
+    "                          and special files are skipped, each named on stderr. The\n"
+    "                          show is checked first (as --check does) and not packed\n"
+    "                          when it has errors\n"
+    "  --no-check              pack any directory as it is, without the check\n"
     "  --format 1|2            container version: 2 (the default) may hold gzip files,\n"
     "                          1 stores every file as it is\n"
     "  --compress auto|all|none\n"
     "                          auto (the default) gzips a file when that saves at least\n"
     "                          10 %; all gzips every file; none stores every file\n"
+    "  --check SHOW            list everything that would stop or spoil the show in the\n"
+    "                          directory or show file SHOW, without playing it: manifest,\n"
+    "                          missing files, shader compile errors as file:line, images,\n"
+    "                          music; and warnings. Exit status 1 when there is an error\n"
     "  --list ARCHIVE          print one line per file: path, stored size, unpacked\n"
     "                          size, stored or gzip; then the total\n"
     "  --extract ARCHIVE DIR   write every file back under DIR as a new file; on a\n"
@@ -75,7 +89,7 @@ constexpr const char* kUsage =
     "\n"
     "Exit status:\n"
     "  0                       done\n"
-    "  1                       a failure, named in one line on stderr\n"
+    "  1                       a failure, or a show with errors, named on stderr\n"
     "  2                       a command line it does not understand\n";
 
 // [messages] -------------------------------------------------------------------------------
@@ -84,54 +98,8 @@ std::string quoted(const std::string& text) {
     return "'" + text + "'";
 }
 
-// The length of the strict UTF-8 character at the start of `text` (shortest form, no
-// surrogates, nothing above U+10FFFF), or 0 when there is none.
-std::size_t utf8Length(std::string_view text) {
-    auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-    const unsigned char lead = byte(0);
-    const std::size_t length = lead < 0x80                   ? 1
-                               : lead >= 0xC2 && lead <= 0xDF ? 2
-                               : lead >= 0xE0 && lead <= 0xEF ? 3
-                               : lead >= 0xF0 && lead <= 0xF4 ? 4
-                                                              : 0;
-    if (length == 0 || length > text.size()) {
-        return 0;
-    }
-    for (std::size_t i = 1; i < length; ++i) {
-        if ((byte(i) & 0xC0) != 0x80) {
-            return 0;
-        }
-    }
-    const bool outOfRange = (lead == 0xE0 && byte(1) < 0xA0) || (lead == 0xED && byte(1) >= 0xA0) ||
-                            (lead == 0xF0 && byte(1) < 0x90) || (lead == 0xF4 && byte(1) >= 0x90);
-    return outOfRange ? 0 : length;
-}
-
-// `name` safe to print: control characters (C0, DEL, C1) and bytes that are not UTF-8 become
-// \xNN, so a name can neither drive the terminal nor forge a line or column of the listing.
-// Archive keys never hold a backslash (it is a separator), so in them the escape is unambiguous.
 std::string printable(std::string_view name) {
-    std::string out;
-    for (std::size_t at = 0; at < name.size();) {
-        const std::size_t length = utf8Length(name.substr(at));
-        const auto lead = static_cast<unsigned char>(name[at]);
-        const bool control = (length == 1 && (lead < 0x20 || lead == 0x7F)) ||
-                             (length == 2 && lead == 0xC2 &&
-                              static_cast<unsigned char>(name[at + 1]) < 0xA0);
-        if (length != 0 && !control) {
-            out += name.substr(at, length);
-            at += length;
-            continue;
-        }
-        for (std::size_t i = 0; i < std::max<std::size_t>(length, 1); ++i) {
-            char escaped[5];
-            std::snprintf(escaped, sizeof escaped, "\\x%02X",
-                          static_cast<unsigned char>(name[at + i]));
-            out += escaped;
-        }
-        at += std::max<std::size_t>(length, 1);
-    }
-    return out;
+    return brisvale::printableArchivePath(name);
 }
 
 std::string shown(const fs::path& path) {
@@ -156,149 +124,105 @@ std::shared_ptr<DemoArchive> loadArchive(const std::string& archivePath) {
     }
 }
 
+// [check] ----------------------------------------------------------------------------------
+
+// A finding as one line: "<file>[:<line>]: error|warning: <message>". Files of a directory show
+// are named by their path on disk, so that an editor can open them from the line.
+std::string findingLine(const brisvale::ShowFinding& finding, const std::string& showPath,
+                        bool directory) {
+    std::string where = finding.file.empty() ? showPath
+                        : directory        ? (fs::path(showPath) / finding.file).string()
+                                           : finding.file;
+    if (finding.line != 0) {
+        where += ":" + std::to_string(finding.line);
+    }
+    return printable(where + (finding.error ? ": error: " : ": warning: ") + finding.message);
+}
+
+struct CheckCount {
+    std::size_t errors = 0;
+    std::size_t warnings = 0;
+};
+
+// Prints every finding on `stream`; returns how many of each kind there were.
+CheckCount printFindings(const std::vector<brisvale::ShowFinding>& findings,
+                         const std::string& showPath, bool directory, std::FILE* stream) {
+    CheckCount count;
+    for (const brisvale::ShowFinding& finding : findings) {
+        std::fprintf(stream, "%s\n", findingLine(finding, showPath, directory).c_str());
+        ++(finding.error ? count.errors : count.warnings);
+    }
+    return count;
+}
+
+std::string plural(std::size_t count, const char* noun) {
+    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+int check(const std::string& showPath) {
+    std::error_code error;
+    const bool directory = fs::is_directory(showPath, error);
+    std::vector<brisvale::ShowFinding> findings;
+    try {
+        findings = brisvale::checkShow(*brisvale::loadShow(showPath));
+    } catch (const std::runtime_error& e) { // the show cannot even be read
+        findings.push_back({true, "", 0, e.what()});
+    }
+    const CheckCount count = printFindings(findings, showPath, directory, stdout);
+    if (count.errors == 0 && count.warnings == 0) {
+        std::printf("%s: no problems found\n", printable(showPath).c_str());
+    } else {
+        const std::string errors = plural(count.errors, "error");
+        const std::string warnings = plural(count.warnings, "warning");
+        std::printf("%s: %s, %s\n", printable(showPath).c_str(), errors.c_str(), warnings.c_str());
+    }
+    return count.errors == 0 ? 0 : 1;
+}
+
 // [pack] -----------------------------------------------------------------------------------
 
 // The reader inflates a file in one zlib call, which counts in 32 bits.
 constexpr std::uint64_t kMaxPackedFile = std::uint64_t{4} << 30;
 
-// The content of the regular file at `path`; `name` is its archive path, for messages.
-std::vector<std::uint8_t> readRegularFile(const fs::path& path, const std::string& name) {
-    auto fail = [&](int error) {
-        return ToolError("cannot read " + shown(path) + ": " + std::strerror(error));
-    };
-    // O_NONBLOCK: a FIFO swapped in after the walk looked must not block the open.
-    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) {
-        throw fail(errno);
-    }
-    struct Closer {
-        int fd;
-        ~Closer() { ::close(fd); }
-    } closer{fd};
-    struct stat status {};
-    if (::fstat(fd, &status) != 0) {
-        throw fail(errno);
-    }
-    if (!S_ISREG(status.st_mode)) {
-        throw ToolError("cannot read " + shown(path) + ": not a regular file");
-    }
-    auto tooLarge = [&] {
-        return ToolError("cannot pack " + quoted(printable(name)) +
-                         ": files of 4 GiB or more cannot be stored");
-    };
-    if (static_cast<std::uint64_t>(status.st_size) >= kMaxPackedFile) {
-        throw tooLarge();
-    }
-    std::vector<std::uint8_t> bytes;
-    bytes.reserve(static_cast<std::size_t>(status.st_size));
-    std::uint8_t chunk[1 << 16];
-    while (true) {
-        const ssize_t n = ::read(fd, chunk, sizeof chunk);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n < 0) {
-            throw fail(errno);
-        }
-        if (n == 0) {
-            break;
-        }
-        bytes.insert(bytes.end(), chunk, chunk + n);
-        if (bytes.size() >= kMaxPackedFile) { // it grew while being read
-            throw tooLarge();
-        }
-    }
-    return bytes;
-}
-
-const char* fileKind(const fs::file_status& status) {
-    switch (status.type()) {
-    case fs::file_type::fifo: return "a FIFO";
-    case fs::file_type::socket: return "a socket";
-    case fs::file_type::block: return "a block device";
-    case fs::file_type::character: return "a character device";
-    default: return "not a regular file";
-    }
-}
-
-// Why the symbolic link `link` is not packed, or "" when it leads to a regular file inside the
-// tree; `source` is then that file, whose content is packed under the link's name.
-std::string linkSkipReason(const fs::path& link, const fs::path& canonicalRoot, fs::path& source) {
-    std::error_code error;
-    const fs::path target = fs::canonical(link, error);
-    if (error) {
-        return "symbolic link that leads nowhere (" + error.message() + ")";
-    }
-    const fs::path inside = target.lexically_relative(canonicalRoot);
-    if (inside.empty() || *inside.begin() == "..") {
-        return "symbolic link to " + shown(target) + ", outside the directory";
-    }
-    const fs::file_status status = fs::status(target, error);
-    if (fs::is_directory(status)) {
-        return "symbolic link to a directory, not followed";
-    }
-    if (!fs::is_regular_file(status)) {
-        return std::string("symbolic link to ") + fileKind(status);
-    }
-    source = target;
-    return "";
-}
-
-// Every regular file under `root`, sorted by archive path. Symbolic links are packed only when
-// they lead to a regular file inside `root` (as that file's content, under the link's name);
-// links elsewhere, links to directories, dangling links and anything that is no regular file
-// are skipped, each with one line on stderr. `output` itself is skipped too, so a container
-// written into the directory it packs is not packed into its successor.
+// Every file the packer takes from `root`, sorted by archive path; each thing it leaves out is
+// named on stderr. `output` is left out too, so a container written into the directory it
+// packs is not packed into its successor.
 std::vector<ArchiveFile> collectFiles(const fs::path& root, const fs::path& output) {
-    std::error_code error;
-    if (!fs::is_directory(root, error)) {
-        throw ToolError("not a directory: " + shown(root));
+    brisvale::DirectoryListing listing;
+    try {
+        listing = brisvale::listDirectoryFiles(root, output);
+    } catch (const std::runtime_error& e) {
+        throw ToolError(e.what());
     }
-    const fs::path canonicalRoot = fs::canonical(root, error);
+    for (const std::string& note : listing.skipped) {
+        std::fprintf(stderr, "brisvale-pack: skipped %s\n", note.c_str());
+    }
     std::vector<ArchiveFile> files;
-    fs::recursive_directory_iterator walk(root, error);
-    for (; !error && walk != fs::recursive_directory_iterator(); walk.increment(error)) {
-        const fs::path& path = walk->path();
-        const std::string name = path.lexically_relative(root).generic_string();
-        std::error_code statusError;
-        const fs::file_status status = walk->symlink_status(statusError);
-        if (fs::is_directory(status)) {
-            continue;
+    files.reserve(listing.files.size());
+    for (const brisvale::DirectoryFile& file : listing.files) {
+        ArchiveFile packed{file.name, {}};
+        if (!brisvale::appendDirectoryFile(file, kMaxPackedFile - 1, packed.bytes)) {
+            throw ToolError("cannot pack " + quoted(printable(file.name)) +
+                            ": files of 4 GiB or more cannot be stored");
         }
-        fs::path source = path;
-        std::string skipped;
-        if (fs::is_symlink(status)) {
-            skipped = linkSkipReason(path, canonicalRoot, source);
-        } else if (!fs::is_regular_file(status)) {
-            skipped = fileKind(status);
-        }
-        if (skipped.empty() && fs::equivalent(source, output, statusError)) {
-            skipped = "the output file itself";
-        }
-        if (!skipped.empty()) {
-            std::fprintf(stderr, "brisvale-pack: skipped %s: %s\n", quoted(printable(name)).c_str(),
-                         skipped.c_str());
-            continue;
-        }
-        // Names are stored as written; one that the reader would read differently (a
-        // backslash is a separator inside the archive) would come back as another file.
-        if (brisvale::normalizeArchivePath(name) != name) {
-            throw ToolError("cannot pack " + quoted(printable(name)) +
-                            ": its name would read as a different archive path");
-        }
-        files.push_back({name, readRegularFile(source, name)});
+        files.push_back(std::move(packed));
     }
-    if (error) {
-        throw ToolError("cannot read directory " + shown(root) + ": " + error.message());
-    }
-    std::sort(files.begin(), files.end(),
-              [](const ArchiveFile& a, const ArchiveFile& b) { return a.path < b.path; });
     return files;
 }
 
 int pack(const std::string& output, const std::string& directory,
-         const ArchiveWriteOptions& options) {
+         const ArchiveWriteOptions& options, bool checkFirst) {
     const std::vector<ArchiveFile> files = collectFiles(directory, output);
+    if (checkFirst) {
+        // The files as they will be packed, not the directory read again.
+        const auto archive = DemoArchive::fromFiles(files);
+        const CheckCount count =
+            printFindings(brisvale::checkShow(*archive), directory, true, stderr);
+        if (count.errors != 0) {
+            throw ToolError("not packing " + printable(directory) + ": the show has " +
+                            plural(count.errors, "error") + " (--no-check packs it anyway)");
+        }
+    }
     std::uint64_t contentBytes = 0;
     for (const ArchiveFile& file : files) {
         contentBytes += file.bytes.size();
@@ -493,16 +417,17 @@ ArchiveCompression parseCompression(const std::string& text) {
 }
 
 int run(const std::vector<std::string>& args) {
-    enum class Mode { Pack, List, Extract };
+    enum class Mode { Pack, Check, List, Extract };
     std::optional<Mode> mode;
     std::string output;
     std::optional<std::uint32_t> format;
     std::optional<ArchiveCompression> compression;
+    bool noCheck = false;
     std::vector<std::string> operands;
 
     auto setMode = [&](Mode m) {
         if (mode && *mode != m) {
-            throw ToolError("choose one of -o, --list and --extract", true);
+            throw ToolError("choose one of -o, --check, --list and --extract", true);
         }
         mode = m;
     };
@@ -524,6 +449,10 @@ int run(const std::vector<std::string>& args) {
             format = parseFormat(value());
         } else if (arg == "--compress") {
             compression = parseCompression(value());
+        } else if (arg == "--no-check") {
+            noCheck = true;
+        } else if (arg == "--check") {
+            setMode(Mode::Check);
         } else if (arg == "--list") {
             setMode(Mode::List);
         } else if (arg == "--extract") {
@@ -540,11 +469,12 @@ int run(const std::vector<std::string>& args) {
     }
 
     if (!mode) {
-        throw ToolError("nothing to do: give -o OUTPUT DIR, --list ARCHIVE or --extract ARCHIVE DIR",
+        throw ToolError("nothing to do: give -o OUTPUT DIR, --check SHOW, --list ARCHIVE or "
+                        "--extract ARCHIVE DIR",
                         true);
     }
-    if (*mode != Mode::Pack && (format || compression)) {
-        throw ToolError("--format and --compress apply to packing only", true);
+    if (*mode != Mode::Pack && (format || compression || noCheck)) {
+        throw ToolError("--format, --compress and --no-check apply to packing only", true);
     }
     switch (*mode) {
     case Mode::Pack: {
@@ -560,8 +490,13 @@ int run(const std::vector<std::string>& args) {
         if (options.version == 1) {
             options.compression = ArchiveCompression::None;
         }
-        return pack(output, operands[0], options);
+        return pack(output, operands[0], options, !noCheck);
     }
+    case Mode::Check:
+        if (operands.size() != 1) {
+            throw ToolError("--check takes one show: a directory or a packed file", true);
+        }
+        return check(operands[0]);
     case Mode::List:
         if (operands.size() != 1) {
             throw ToolError("--list takes one archive", true);
