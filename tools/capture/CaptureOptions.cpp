@@ -200,7 +200,7 @@ FramePlan::FramePlan(const CaptureOptions& options, std::uint32_t defaultFps, fl
     const double frames = (static_cast<double>(to) - from_) * fps;
     // A sequence ends with the frame at `to`, a video with the last frame that starts before it.
     // The margin absorbs the rounding of times given in decimals (29.9 is 29.8999996 as a float).
-    count_ = video_ ? static_cast<std::uint64_t>(std::ceil(frames - 1e-3))
+    count_ = video_ ? std::max<std::uint64_t>(1, static_cast<std::uint64_t>(std::ceil(frames - 1e-3)))
                     : static_cast<std::uint64_t>(std::floor(frames + 1e-3)) + 1;
 }
 

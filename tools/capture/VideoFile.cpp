@@ -18,6 +18,7 @@ extern "C" {
 #include <libavformat/avformat.h>
 #include <libavutil/audio_fifo.h>
 #include <libavutil/channel_layout.h>
+#include <libavutil/log.h>
 #include <libavutil/opt.h>
 #include <libavutil/pixdesc.h>
 #include <libswresample/swresample.h>
@@ -471,6 +472,9 @@ void VideoFile::State::openOutput() {
 VideoFile::VideoFile(const VideoSettings& settings) : state_(std::make_unique<State>()) {
     State& s = *state_;
     s.settings = settings;
+    // FFmpeg's own lines (x264's settings, warnings) would bury the progress line and the one-line
+    // errors; what fails is said by the messages here.
+    av_log_set_level(AV_LOG_QUIET);
     const ContainerChoice choice = choiceFor(videoContainerFor(settings.path));
     AVFormatContext* format = nullptr;
     // Named after the temporary file only once that exists; the muxer needs no name before.
