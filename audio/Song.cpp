@@ -1,8 +1,9 @@
 // Songs: probing a file for tags and length, opening a file (float32) or a memory image (s16)
-// for playback, and releasing them. The memory block belongs to the song from the call on and
-// is freed exactly once, whatever happens.
+// for playback, reading and seeking one without a player, and releasing them. The memory block
+// belongs to the song from the call on and is freed exactly once, whatever happens.
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -258,6 +259,33 @@ int audio_song_load_from_memory(audio_song* song, void* data, int64_t size) noex
 
 double audio_song_duration(const audio_song* song) noexcept {
     return song == nullptr ? -1.0 : song->duration_seconds;
+}
+
+int audio_song_read(audio_song* song, void* destination, uint32_t* frames) noexcept {
+    if (song == nullptr || song->extFile == nullptr || frames == nullptr || (destination == nullptr && *frames > 0)) {
+        return -1;
+    }
+    const uint32_t bytesPerFrame = song->clientFormat.mBytesPerFrame;
+    if (bytesPerFrame == 0 || *frames > UINT32_MAX / bytesPerFrame) {
+        return -1;
+    }
+    if (const Status st = platform::decoderRead(song->extFile, frames, destination, *frames * bytesPerFrame); st != 0) {
+        audio_log(msg::kExtAudioFileRead, st);
+        *frames = 0;
+        return -1;
+    }
+    return 0;
+}
+
+int audio_song_seek(audio_song* song, int64_t frame) noexcept {
+    if (song == nullptr || song->extFile == nullptr || frame < 0) {
+        return -1;
+    }
+    if (const Status st = platform::decoderSeek(song->extFile, frame); st != 0) {
+        audio_log(msg::kExtAudioFileSeek, st);
+        return -1;
+    }
+    return 0;
 }
 
 void audio_song_destroy(audio_song* song) noexcept {

@@ -51,6 +51,14 @@ int audio_song_load_from_memory(audio_song* song, void* data, int64_t size) noex
 double audio_song_duration(const audio_song* song) noexcept;
 void audio_song_destroy(audio_song* song) noexcept;
 
+// A loaded song read directly, without a player or an output device (tools that write the
+// music into a file). Never while a player plays the song: both would move its one decoder.
+// Reads up to *frames whole frames in the song's clientFormat into destination, which holds at
+// least *frames frames; *frames becomes the number read, 0 at the end of the song.
+int audio_song_read(audio_song* song, void* destination, uint32_t* frames) noexcept;
+// Moves to a frame index of the clientFormat's rate, sample-exact: the next read starts there.
+int audio_song_seek(audio_song* song, int64_t frame) noexcept;
+
 audio_player* audio_player_create(audio_song* song) noexcept;
 int audio_player_start(audio_player* player) noexcept;
 int audio_player_stop(audio_player* player) noexcept;

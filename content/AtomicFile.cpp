@@ -1,5 +1,5 @@
 // Atomic replacement of a file on disk for the tools that write files: the packer's container
-// and the capture tool's images.
+// and the capture tool's images and videos.
 
 #include "content/AtomicFile.h"
 
@@ -63,68 +63,61 @@ Target resolveTarget(const std::string& path) {
     }
 }
 
-// Closes a descriptor and removes the temporary file unless it was renamed into place.
-class TempFile {
-public:
-    explicit TempFile(const std::string& target) : path_(target + ".tmp-XXXXXX") {
-        fd_ = mkstemp(path_.data());
-        if (fd_ < 0) {
-            fail("Failed to create", path_, std::strerror(errno));
-        }
-    }
-    TempFile(const TempFile&) = delete;
-    TempFile& operator=(const TempFile&) = delete;
-    ~TempFile() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-        if (!committed_) {
-            ::unlink(path_.c_str());
-        }
-    }
-
-    void write(std::span<const std::uint8_t> bytes) {
-        while (!bytes.empty()) {
-            const ssize_t written = ::write(fd_, bytes.data(), bytes.size());
-            if (written < 0 && errno == EINTR) {
-                continue;
-            }
-            if (written <= 0) {
-                fail("Failed to write", path_, std::strerror(errno));
-            }
-            bytes = bytes.subspan(static_cast<std::size_t>(written));
-        }
-    }
-
-    void commit(const std::string& target, mode_t mode) {
-        // mkstemp creates the file 0600.
-        if (::fchmod(fd_, mode) != 0 || ::fsync(fd_) != 0) {
-            fail("Failed to write", path_, std::strerror(errno));
-        }
-        const int fd = fd_;
-        fd_ = -1;
-        if (::close(fd) != 0) {
-            fail("Failed to write", path_, std::strerror(errno));
-        }
-        if (::rename(path_.c_str(), target.c_str()) != 0) {
-            fail("Failed to write", target, std::strerror(errno));
-        }
-        committed_ = true;
-    }
-
-private:
-    std::string path_;
-    int fd_ = -1;
-    bool committed_ = false;
-};
-
 } // namespace
 
 void replaceFileAtomically(const std::string& path, std::span<const std::uint8_t> bytes) {
-    const Target target = resolveTarget(path);
-    TempFile temp(target.path);
-    temp.write(bytes);
-    temp.commit(target.path, target.mode.value_or(kNewFileMode));
+    AtomicFileWriter file(path);
+    file.write(bytes);
+    file.commit();
+}
+
+AtomicFileWriter::AtomicFileWriter(const std::string& path) {
+    Target target = resolveTarget(path);
+    target_ = std::move(target.path);
+    mode_ = target.mode;
+    temporary_ = target_ + ".tmp-XXXXXX";
+    fd_ = mkostemp(temporary_.data(), O_CLOEXEC);
+    if (fd_ < 0) {
+        fail("Failed to create", temporary_, std::strerror(errno));
+    }
+}
+
+AtomicFileWriter::~AtomicFileWriter() {
+    if (fd_ >= 0) {
+        ::close(fd_);
+    }
+    if (!committed_) {
+        ::unlink(temporary_.c_str());
+    }
+}
+
+void AtomicFileWriter::write(std::span<const std::uint8_t> bytes) {
+    while (!bytes.empty()) {
+        const ssize_t written = ::write(fd_, bytes.data(), bytes.size());
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written <= 0) {
+            fail("Failed to write", temporary_, std::strerror(errno));
+        }
+        bytes = bytes.subspan(static_cast<std::size_t>(written));
+    }
+}
+
+void AtomicFileWriter::commit() {
+    // mkstemp creates the file 0600.
+    if (::fchmod(fd_, mode_.value_or(kNewFileMode)) != 0 || ::fsync(fd_) != 0) {
+        fail("Failed to write", temporary_, std::strerror(errno));
+    }
+    const int fd = fd_;
+    fd_ = -1;
+    if (::close(fd) != 0) {
+        fail("Failed to write", temporary_, std::strerror(errno));
+    }
+    if (::rename(temporary_.c_str(), target_.c_str()) != 0) {
+        fail("Failed to write", target_, std::strerror(errno));
+    }
+    committed_ = true;
 }
 
 } // namespace brisvale

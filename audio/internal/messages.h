@@ -31,6 +31,7 @@ inline constexpr const char* kQueueStopSeek = "AudioQueueStop (seek) failed: %d\
 inline constexpr const char* kQueueResetSeek = "AudioQueueReset (seek) failed: %d\n";
 inline constexpr const char* kExtAudioFileSeek = "ExtAudioFileSeek failed: %d\n";
 inline constexpr const char* kQueueStartSeek = "AudioQueueStart (seek) failed: %d\n";
+inline constexpr const char* kExtAudioFileRead = "ExtAudioFileRead failed: %d\n";
 inline constexpr const char* kReadFailedOrEof = "\nExtAudioFileRead failed or EOF: %d\n";
 inline constexpr const char* kQueueEnqueue = "\nAudioQueueEnqueueBuffer failed: %d\n";
 } // namespace msg

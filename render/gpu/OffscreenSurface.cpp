@@ -26,9 +26,13 @@ TextureDescription drawableDescription(VkFormat format, std::uint32_t width, std
 
 OffscreenSurface::OffscreenSurface(Device& device, std::uint32_t width, std::uint32_t height) : device_(device) {
     applySize(width, height);
+    for (ReadbackSlot& slot : readback_) slot.owner = this;
 }
 
-OffscreenSurface::~OffscreenSurface() = default;
+OffscreenSurface::~OffscreenSurface() {
+    // The completion thread may still hold a readback slot's handler.
+    if (readbackEnabled_) device_.completions().drain();
+}
 
 void OffscreenSurface::setDrawableSize(std::uint32_t width, std::uint32_t height) { applySize(width, height); }
 
@@ -47,6 +51,13 @@ void OffscreenSurface::applySize(std::uint32_t width, std::uint32_t height) {
 
 bool OffscreenSurface::nextDrawable(Drawable& drawable) {
     if (!available_) return false;
+    if (readbackEnabled_) {
+        std::lock_guard lock(readbackMutex_);
+        std::size_t free = 0;
+        while (free < kReadbackBuffers && readback_[free].frame != 0) ++free;
+        if (free == kReadbackBuffers) return false;
+        readbackNext_ = free;
+    }
     auto& image = images_[next_];
     if (!image || image->width() != width_ || image->height() != height_) {
         const TextureDescription description = drawableDescription(kFormat, width_, height_);
@@ -72,11 +83,97 @@ void OffscreenSurface::encodePresent(CommandBuffer& commands, const Drawable& dr
     transition.oldLayout = VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL;
     transition.newLayout = VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL;
     transitionTexture(commands.handle(), *drawable.texture, transition);
+    if (!readbackEnabled_) return;
+
+    // The slot is free (nextDrawable saw to it), so its buffer can be replaced or written.
+    ReadbackSlot& slot = readback_[readbackNext_];
+    const Texture& image = *drawable.texture;
+    const VkDeviceSize bytes = VkDeviceSize(image.width()) * image.height() * 4;
+    if (!slot.buffer || slot.buffer->size() != bytes) {
+        slot.buffer.reset();
+        slot.buffer = Buffer::create(device_, bytes, VK_BUFFER_USAGE_TRANSFER_DST_BIT, BufferMemory::HostReadback);
+        if (!slot.buffer) throw std::runtime_error("Failed to create readback buffer");
+    }
+    if (!slot.fence) slot.fence = std::make_unique<Fence>(device_);
+    slot.width = image.width();
+    slot.height = image.height();
+    VkBufferImageCopy region{};
+    region.imageSubresource = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 0, 1};
+    region.imageExtent = {image.width(), image.height(), 1};
+    vkCmdCopyImageToBuffer(commands.handle(), image.image(), VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL,
+                           slot.buffer->handle(), 1, &region);
+    memoryBarrier(commands.handle(), VK_PIPELINE_STAGE_2_COPY_BIT, VK_ACCESS_2_TRANSFER_WRITE_BIT,
+                  VK_PIPELINE_STAGE_2_HOST_BIT, VK_ACCESS_2_HOST_READ_BIT);
 }
 
 void OffscreenSurface::present(const Drawable& drawable) {
     lastPresented_ = images_[drawable.index];
     ++presented_;
+    if (!readbackEnabled_) return;
+
+    ReadbackSlot& slot = readback_[readbackNext_];
+    slot.fence->reset();  // its last use completed before the slot was freed
+    {
+        std::lock_guard lock(readbackMutex_);
+        slot.frame = presented_;
+        slot.completed = false;
+        slot.failed = false;
+    }
+    // No batch, only the fence: it signals once everything submitted so far has completed.
+    VkSubmitInfo2 nothing{};
+    nothing.sType = VK_STRUCTURE_TYPE_SUBMIT_INFO_2;
+    if (device_.submit(nothing, slot.fence->handle()) != VK_SUCCESS) {
+        std::lock_guard lock(readbackMutex_);
+        slot.completed = true;
+        slot.failed = true;
+        return;
+    }
+    device_.completions().watch(slot.fence->handle(), &slot);
+}
+
+// Frame readback: the slots' states under readbackMutex_.
+
+void OffscreenSurface::enableFrameReadback() { readbackEnabled_ = true; }
+
+void OffscreenSurface::ReadbackSlot::frameCompleted(const CompletionStatus& status) {
+    {
+        std::lock_guard lock(owner->readbackMutex_);
+        completed = true;
+        failed = status.failed;
+    }
+    owner->readbackChanged_.notify_all();
+}
+
+OffscreenSurface::ReadbackSlot* OffscreenSurface::slotHolding(std::uint64_t number) {
+    for (ReadbackSlot& slot : readback_) {
+        if (number != 0 && slot.frame == number) return &slot;
+    }
+    return nullptr;
+}
+
+FramePixels OffscreenSurface::waitForFrame(std::uint64_t number) {
+    ReadbackSlot* slot = nullptr;
+    {
+        std::unique_lock lock(readbackMutex_);
+        slot = slotHolding(number);
+        if (slot == nullptr) throw std::runtime_error("Frame " + std::to_string(number) + " is not in a readback buffer");
+        readbackChanged_.wait(lock, [slot] { return slot->completed; });
+        if (slot->failed) throw std::runtime_error("Failed to read back frame " + std::to_string(number));
+    }
+    slot->buffer->invalidate();
+    return FramePixels{static_cast<const std::uint8_t*>(slot->buffer->data()), slot->width, slot->height,
+                       std::size_t(slot->width) * 4};
+}
+
+void OffscreenSurface::releaseFrame(std::uint64_t number) {
+    {
+        std::unique_lock lock(readbackMutex_);
+        ReadbackSlot* slot = slotHolding(number);
+        if (slot == nullptr) return;
+        readbackChanged_.wait(lock, [slot] { return slot->completed; });
+        slot->frame = 0;
+    }
+    readbackChanged_.notify_all();
 }
 
 std::uint32_t OffscreenSurface::presentedWidth() const {

@@ -471,6 +471,38 @@ TEST(SongMemory, DestroyReleasesOnceAndIgnoresNull) {
     EXPECT_EQ(audio_song_duration(&song), 0.01);
 }
 
+// Read without a player, as a tool that writes the music into a file does.
+TEST(SongMemory, ReadAndSeekDeliverTheSongsOwnFramesWithoutAPlayer) {
+    TempDir dir;
+    const std::string path = dir.file("a.flac");
+    const std::vector<int16_t> signal = brisvale::test::makeSignal(30000, 2, 44100);
+    brisvale::test::encodeFile(path, {"flac", "flac", 44100, 2, {}, {}}, signal);
+    const std::vector<uint8_t> bytes = brisvale::test::readFile(path);
+    audio_song song{};
+    std::vector<int16_t> out(2 * 4000, 0);
+    uint32_t frames = 4000;
+    EXPECT_EQ(audio_song_read(&song, out.data(), &frames), -1) << "nothing loaded";
+    EXPECT_EQ(audio_song_seek(&song, 0), -1);
+    ASSERT_EQ(audio_song_load_from_memory(&song, brisvale::test::mallocCopy(bytes), static_cast<int64_t>(bytes.size())), 0);
+    EXPECT_EQ(audio_song_read(nullptr, out.data(), &frames), -1);
+    EXPECT_EQ(audio_song_read(&song, out.data(), nullptr), -1);
+    EXPECT_EQ(audio_song_read(&song, nullptr, &frames), -1);
+    EXPECT_EQ(audio_song_seek(&song, -1), -1);
+
+    // Forwards past where a read stands, then back; each read begins at the frame asked for.
+    for (const int64_t target : {int64_t{20011}, int64_t{3}, int64_t{29000}}) {
+        ASSERT_EQ(audio_song_seek(&song, target), 0);
+        frames = 4000;
+        ASSERT_EQ(audio_song_read(&song, out.data(), &frames), 0);
+        ASSERT_EQ(frames, std::min<int64_t>(4000, 30000 - target)) << target;
+        EXPECT_TRUE(std::equal(out.begin(), out.begin() + 2 * frames, signal.begin() + 2 * target)) << target;
+    }
+    frames = 4000;
+    EXPECT_EQ(audio_song_read(&song, out.data(), &frames), 0);
+    EXPECT_EQ(frames, 0u) << "the end is an empty read, not an error";
+    audio_song_destroy(&song);
+}
+
 // A FIFO blocks whoever opens it for reading until a writer comes, and a device may never end:
 // the path loaders refuse anything but a regular file, at once.
 TEST(SongFailures, APathThatIsNoRegularFileIsRefusedWithoutBlocking) {

@@ -79,6 +79,36 @@ TEST(CaptureOptions, ARangeIsANumberedSequenceAtTheFrameRate) {
     for (std::uint64_t i = 0; i < frames.size(); ++i) EXPECT_FLOAT_EQ(frames.frame(i).deltaSeconds, 0.25f);
     // Without --fps the show's own default applies.
     EXPECT_EQ(FramePlan(parseCaptureOptions({"demo.dat", "--from", "0", "--to", "1", "-o", "out"}), 30).size(), 31u);
+    // 29.9 is a little less as a float; the frame at 29.9 s is still the last.
+    EXPECT_EQ(FramePlan(parseCaptureOptions({"demo.dat", "--from", "0", "--to", "29.9", "--fps", "10", "-o", "out"}), 30).size(),
+              300u);
+}
+
+// A video covers [from, to): ceil((to - from) * fps) frames, by default from 0 to the show's end.
+TEST(CaptureOptions, AVideoSpansTheShowUpToItsEnd) {
+    auto video = [](std::vector<std::string> more) {
+        std::vector<std::string> arguments{"demo.dat", "--video", "out.MP4"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return parseCaptureOptions(arguments);
+    };
+    const FramePlan whole(video({}), 10, 4.75f);
+    ASSERT_EQ(whole.size(), 48u);
+    EXPECT_FLOAT_EQ(whole.frame(47).timeSeconds, 4.7f);
+    EXPECT_FLOAT_EQ(whole.frame(47).deltaSeconds, 0.1f);
+    EXPECT_EQ(FramePlan(video({"--from", "0.1", "--to", "0.3", "--fps", "10"}), 30, 4.75f).size(), 2u);
+    const FramePlan late(video({"--from", "2.5", "--fps", "4"}), 30, 4.75f);
+    EXPECT_EQ(late.size(), 9u);
+    EXPECT_FLOAT_EQ(late.frame(8).timeSeconds, 4.5f);
+    EXPECT_EQ(video({"--quality", "18", "--codec", "libsvtav1"}).quality, 18);
+
+    EXPECT_EQ(errorOf({"demo.dat", "--video", "out.avi"}), "Unknown video file type: out.avi (use .mp4, .webm or .mkv)");
+    EXPECT_EQ(errorOf({"demo.dat", "--video", "out.mp4", "--from", "2", "--to", "2"}), "--from is not before --to");
+    EXPECT_EQ(errorOf({"demo.dat", "--video", "out.mp4", "--at", "1"}), "--video and --at exclude each other");
+    EXPECT_EQ(errorOf({"demo.dat", "--at", "1", "--quality", "20", "-o", "out"}), "--quality and --codec go with --video");
+    EXPECT_EQ(errorOf({"demo.dat", "--video", "out.mp4", "--quality", "high"}), "Invalid quality: high");
+    EXPECT_EQ(failure([&] { FramePlan(video({}), 30, 0.0f); }), "The show has no music and so no end; give --to");
+    EXPECT_EQ(failure([&] { FramePlan(video({"--from", "5"}), 30, 4.75f); }),
+              "--from 5 is not before the show's end at 4.75 s");
 }
 
 // Frames are made as they are asked for; what float show times cannot hold apart is refused.

@@ -1,9 +1,11 @@
 #include "tools/capture/CaptureOptions.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <set>
 
 namespace brisvale::capture {
@@ -52,14 +54,17 @@ std::string timeText(float t) {
 } // namespace
 
 const char* captureUsage() {
-    return "Usage: brisvale-capture demo.dat [--size WxH] (--at T1,T2,... | --from A --to B [--fps N]) -o DIR";
+    return "Usage: brisvale-capture SHOW [--size WxH] (--at T1,T2,... | --from A --to B [--fps N]) -o DIR\n"
+           "  or:  brisvale-capture SHOW --video OUT.mp4|OUT.webm|OUT.mkv [--size WxH] [--fps N] [--from A]\n"
+           "                        [--to B] [--quality Q] [--codec NAME]";
 }
 
 std::string captureHelp() {
     return std::string(captureUsage()) +
            "\n"
-           "Draws chosen show times of a show file offscreen, as the Brisvale player would draw\n"
-           "them with its show clock standing at each time, and writes each frame as a PNG file.\n"
+           "Draws chosen show times of a show (a show file or a show directory) offscreen, as the\n"
+           "Brisvale player would draw them with its show clock standing at each time, and writes\n"
+           "each frame as a PNG file; or renders a span of the show with its music to a video file.\n"
            "Needs no display: any Vulkan 1.3 device will do, the software one (lavapipe) too.\n"
            "\n"
            "Options:\n"
@@ -68,11 +73,19 @@ std::string captureHelp() {
            "  --at T1,T2,...        these show times in seconds, each to DIR/t<T>.png with T\n"
            "                        to three decimals (more where two names would be alike)\n"
            "  --from A --to B       every frame from A up to and including B, 1/fps apart,\n"
-           "                        to DIR/frame-00000.png, frame-00001.png, ...\n"
-           "  --fps N               frames per second for --from/--to, 1 to 16384; by default\n"
-           "                        the show's own (demo.output.fps)\n"
+           "                        to DIR/frame-00000.png, frame-00001.png, ...; with --video,\n"
+           "                        the span to render (by default the whole show: from 0 to\n"
+           "                        3.75 s after the music ends)\n"
+           "  --fps N               frames per second, 1 to 16384; by default the show's own\n"
+           "                        (demo.output.fps)\n"
            "  -o, --output DIR      the directory for the PNG files, made when missing; a\n"
            "                        file already there is replaced whole\n"
+           "  --video OUT           render to a video file with the music: .mp4 (H.264 and\n"
+           "                        AAC), .webm (VP9 and Opus) or .mkv (H.264 and Opus);\n"
+           "                        written whole under a temporary name, then renamed\n"
+           "  --quality Q           the video encoder's constant quality (x264's CRF, 20 by\n"
+           "                        default; lower is better)\n"
+           "  --codec NAME          another video encoder FFmpeg has (libsvtav1, h264_nvenc...)\n"
            "  -h, --help            print this help and exit\n"
            "\n"
            "Environment:\n"
@@ -84,7 +97,19 @@ std::string captureHelp() {
            "  0                     every frame was written\n"
            "  1                     a failure, named in one line on stderr\n"
            "  2                     a command line, or a show default standing in for an\n"
-           "                        option, that cannot be captured\n";
+           "                        option, that cannot be captured\n"
+           "  130                   interrupted (Ctrl+C) during a video: the file holds the\n"
+           "                        frames made so far\n";
+}
+
+VideoContainer videoContainerFor(const std::string& path) {
+    const std::string extension = std::filesystem::path(path).extension().string();
+    std::string lower;
+    for (const char c : extension) lower += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (lower == ".mp4") return VideoContainer::Mp4;
+    if (lower == ".webm") return VideoContainer::WebM;
+    if (lower == ".mkv") return VideoContainer::Matroska;
+    throw CaptureOptionError("Unknown video file type: " + path + " (use .mp4, .webm or .mkv)");
 }
 
 CaptureOptions parseCaptureOptions(const std::vector<std::string>& arguments) {
@@ -121,6 +146,20 @@ CaptureOptions parseCaptureOptions(const std::vector<std::string>& arguments) {
             options.fps = parseCount(value(i), "fps", kMaxFps);
         } else if (argument == "-o" || argument == "--output") {
             options.outputDirectory = value(i);
+        } else if (argument == "--video") {
+            options.videoPath = value(i);
+        } else if (argument == "--quality") {
+            const std::string& text = value(i);
+            std::size_t used = 0;
+            try {
+                options.quality = std::stoi(text, &used);
+            } catch (const std::exception&) {
+                used = 0;
+            }
+            if (used != text.size() || text.empty()) throw CaptureOptionError("Invalid quality: " + text);
+        } else if (argument == "--codec") {
+            options.codec = value(i);
+            if (options.codec.empty()) throw CaptureOptionError("Invalid codec: (empty)");
         } else if (!argument.empty() && argument[0] == '-') {
             throw CaptureOptionError("Unknown option: " + argument);
         } else if (options.archivePath.empty()) {
@@ -131,6 +170,16 @@ CaptureOptions parseCaptureOptions(const std::vector<std::string>& arguments) {
     }
     if (options.help) return options;
     if (options.archivePath.empty()) throw CaptureOptionError("No demo archive given");
+    if (!options.videoPath.empty()) {
+        if (!options.outputDirectory.empty()) throw CaptureOptionError("--video and -o exclude each other");
+        if (!options.times.empty()) throw CaptureOptionError("--video and --at exclude each other");
+        videoContainerFor(options.videoPath);
+        if (options.from && options.to && !(*options.from < *options.to)) {
+            throw CaptureOptionError("--from is not before --to");
+        }
+        return options;
+    }
+    if (options.quality || !options.codec.empty()) throw CaptureOptionError("--quality and --codec go with --video");
     if (options.outputDirectory.empty()) throw CaptureOptionError("No output directory given (-o DIR)");
     const bool range = options.from.has_value() || options.to.has_value();
     if (range && !options.times.empty()) throw CaptureOptionError("--at and --from/--to exclude each other");
@@ -150,13 +199,15 @@ CaptureSize captureSize(const CaptureOptions& options, std::uint32_t defaultWidt
     return {defaultWidth, defaultHeight};
 }
 
-FramePlan::FramePlan(const CaptureOptions& options, std::uint32_t defaultFps) {
+FramePlan::FramePlan(const CaptureOptions& options, std::uint32_t defaultFps, float showEndSeconds) {
     if (!options.fps && (defaultFps == 0 || defaultFps > kMaxFps)) {
         throw CaptureOptionError("The show's default frame rate " + std::to_string(defaultFps) +
                                  " is out of range (1 to " + std::to_string(kMaxFps) + "); give --fps");
     }
     const std::uint32_t fps = options.fps.value_or(defaultFps);
+    fps_ = fps;
     step_ = 1.0 / fps;
+    video_ = !options.videoPath.empty();
     if (!options.times.empty()) {
         times_ = options.times;
         std::set<std::string> seen;
@@ -168,18 +219,32 @@ FramePlan::FramePlan(const CaptureOptions& options, std::uint32_t defaultFps) {
         count_ = times_.size();
         return;
     }
+    const float from = options.from.value_or(0.0f);
+    if (video_ && !options.to && !(showEndSeconds > 0.0f)) {
+        throw CaptureOptionError("The show has no music and so no end; give --to");
+    }
+    const float to = options.to.value_or(showEndSeconds);
+    if (video_ && !(from < to)) {
+        char text[160];
+        std::snprintf(text, sizeof text, "--from %g is not before the show's end at %g s", static_cast<double>(from),
+                      static_cast<double>(to));
+        throw CaptureOptionError(text);
+    }
     // Show times are floats: past some size, consecutive frames would get the same time.
-    const float largest = std::max(std::fabs(*options.from), std::fabs(*options.to));
+    const float largest = std::max(std::fabs(from), std::fabs(to));
     const double spacing = static_cast<double>(std::nextafter(largest, INFINITY)) - static_cast<double>(largest);
-    if (*options.to > *options.from && spacing > step_) {
+    if (to > from && spacing > step_) {
         char text[160];
         std::snprintf(text, sizeof text, "Show times near %g s are %g s apart, more than a frame at %u fps",
                       static_cast<double>(largest), spacing, fps);
         throw CaptureOptionError(text);
     }
-    from_ = *options.from;
-    const double span = static_cast<double>(*options.to) - from_;
-    count_ = static_cast<std::uint64_t>(std::floor(span * fps + 1e-6)) + 1;
+    from_ = from;
+    const double frames = (static_cast<double>(to) - from_) * fps;
+    // A sequence ends with the frame at `to`, a video with the last frame that starts before it.
+    // The margin absorbs the rounding of times given in decimals (29.9 is 29.8999996 as a float).
+    count_ = video_ ? std::max<std::uint64_t>(1, static_cast<std::uint64_t>(std::ceil(frames - 1e-3)))
+                    : static_cast<std::uint64_t>(std::floor(frames + 1e-3)) + 1;
 }
 
 CaptureFrame FramePlan::frame(std::uint64_t index) const {
@@ -188,9 +253,11 @@ CaptureFrame FramePlan::frame(std::uint64_t index) const {
         const float delta = index == 0 ? static_cast<float>(step_) : t - times_[index - 1];
         return {t, delta, names_[index]};
     }
+    const float t = static_cast<float>(from_ + static_cast<double>(index) * step_);
+    if (video_) return {t, static_cast<float>(step_), ""};
     char name[64];
     std::snprintf(name, sizeof(name), "frame-%05llu.png", static_cast<unsigned long long>(index));
-    return {static_cast<float>(from_ + static_cast<double>(index) * step_), static_cast<float>(step_), name};
+    return {t, static_cast<float>(step_), name};
 }
 
 } // namespace brisvale::capture

@@ -1,29 +1,32 @@
 // brisvale-capture: draws chosen show times of a demo.dat offscreen, as if the show clock stood
-// at each time, and writes each frame as a PNG. Used to look at a show without a display.
-// Exit status 2 for a command line that cannot be captured, 1 for any other failure.
+// at each time, and writes each frame as a PNG, or a span of the show as a video file with its
+// music. Used to look at a show without a display, and to share it.
+// Exit status 2 for a command line that cannot be captured, 130 for a video stopped by Ctrl+C
+// (the file holds the frames made until then), 1 for any other failure.
 //
 // [SECTION] Show content
 // [SECTION] Music length
+// [SECTION] Renderer
 // [SECTION] Capture loop
+// [SECTION] Video
 // [SECTION] main
 
 #include "content/AssetManifest.h"
 #include "content/AtomicFile.h"
 #include "content/DemoArchive.h"
 #include "content/DemoManifest.h"
+#include "content/ShowSource.h"
 #include "content/ShaderSource.h"
 #include "render/Renderer.h"
 #include "render/gpu/CompletionThread.h"
 #include "render/gpu/Device.h"
 #include "render/gpu/OffscreenSurface.h"
 #include "tools/capture/CaptureOptions.h"
+#include "tools/capture/ShowMusic.h"
+#include "tools/capture/VideoExport.h"
+#include "tools/capture/VideoFile.h"
 
-#if BRISVALE_CAPTURE_WITH_AUDIO
-#include "audio/audio.h"
-#endif
-#if BRISVALE_CAPTURE_WITH_APP_CORE
 #include "app/App.h"
-#endif
 
 #define STB_IMAGE_WRITE_IMPLEMENTATION
 #include <stb/stb_image_write.h>
@@ -44,6 +47,9 @@ namespace {
 // ---------------------------------------------------------------------------------------------
 // [SECTION] Show content
 // ---------------------------------------------------------------------------------------------
+
+// The one place a show is opened from its path: a show file or a show directory.
+std::shared_ptr<DemoArchive> loadShowArchive(const std::string& path) { return loadShow(path); }
 
 // `message` with `where` (the show's file, then an entry or include chain) in front, leaving
 // out what the message already ends with.
@@ -108,38 +114,28 @@ struct ShowTiming {
     float renderEndSeconds = 0.0f;
 };
 
-ShowTiming timingFor(const DemoArchive& archive, const DemoManifest& manifest, const std::string& archivePath) {
-    ShowTiming timing;
-#if BRISVALE_CAPTURE_WITH_AUDIO
-    if (manifest.audioPath.empty() || !archive.contains(manifest.audioPath)) return timing;
+// The show's music, as the player loads it; null without one (with the player's line when the
+// music is there but does not load).
+std::unique_ptr<ShowMusic> loadMusic(const DemoArchive& archive, const DemoManifest& manifest,
+                                     const std::string& archivePath) {
+    if (manifest.audioPath.empty() || !archive.contains(manifest.audioPath)) return nullptr;
     const ArchiveBytes music = readInShow(archivePath, manifest.audioPath, [&] { return archive.open(manifest.audioPath); });
-    // The audio library takes a block that free() releases, whatever the result.
-    void* block = std::malloc(music.size() == 0 ? 1 : music.size());
-    if (block == nullptr) return timing;
-    std::memcpy(block, music.data(), music.size());
-    pelora::gamedev::core::audio_song song{};
-    if (pelora::gamedev::core::audio_song_load_from_memory(&song, block, static_cast<std::int64_t>(music.size())) == 0) {
-        const double duration = pelora::gamedev::core::audio_song_duration(&song);
-        if (duration > 0.0) {
-            timing.showDurationSeconds = static_cast<float>(duration);
-#if BRISVALE_CAPTURE_WITH_APP_CORE
-            timing.renderEndSeconds = renderEndSecondsForAudio(timing.showDurationSeconds);
-#endif
-        }
-    } else {
-        std::fprintf(stderr, "Failed to load audio asset\n");
+    std::unique_ptr<ShowMusic> loaded = ShowMusic::load(music);
+    if (!loaded) std::fprintf(stderr, "Failed to load audio asset\n");
+    return loaded;
+}
+
+ShowTiming timingFor(const ShowMusic* music) {
+    ShowTiming timing;
+    if (music != nullptr && music->durationSeconds() > 0.0) {
+        timing.showDurationSeconds = static_cast<float>(music->durationSeconds());
+        timing.renderEndSeconds = renderEndSecondsForAudio(timing.showDurationSeconds);
     }
-    pelora::gamedev::core::audio_song_destroy(&song);
-#else
-    (void)archive;
-    (void)manifest;
-    (void)archivePath;
-#endif
     return timing;
 }
 
 // ---------------------------------------------------------------------------------------------
-// [SECTION] Capture loop
+// [SECTION] Renderer
 // ---------------------------------------------------------------------------------------------
 
 // Tasks the renderer posts to "the main thread" (pool growth); run between frames.
@@ -167,6 +163,40 @@ private:
     std::vector<std::function<void()>> tasks_;
 };
 
+// The renderer on an offscreen surface of the capture's size, in the order it is torn down.
+struct OffscreenShow {
+    std::unique_ptr<gpu::Device> device;
+    std::unique_ptr<gpu::OffscreenSurface> surface;
+    TaskQueue tasks;
+    std::unique_ptr<Renderer> renderer;
+};
+
+void startRenderer(OffscreenShow& show, const std::shared_ptr<DemoArchive>& archive, const DemoManifest& manifest,
+                   const std::string& showPath, CaptureSize size) {
+    show.device = gpu::Device::create({});
+    if (show.device) show.surface = std::make_unique<gpu::OffscreenSurface>(*show.device, size.width, size.height);
+    // A missing device reaches the renderer as null and fails with its own message.
+    try {
+        show.renderer = std::make_unique<Renderer>(show.device.get(), show.surface.get(), archive, manifest,
+                                                   show.tasks.poster());
+    } catch (const std::runtime_error& error) {
+        const std::string image = failingImage(*archive, manifest, error.what());
+        if (image.empty()) throw;
+        throw std::runtime_error(inShow(showPath, image, error.what()));
+    }
+    show.renderer->resize({size.width, size.height});
+}
+
+int reportValidation(const gpu::Device& device) {
+    if (device.validationMessageCount() == 0) return 0;
+    std::fprintf(stderr, "brisvale-capture: %u validation messages\n", device.validationMessageCount());
+    return 1;
+}
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Capture loop
+// ---------------------------------------------------------------------------------------------
+
 // PNG bytes of the surface's last presented image.
 std::vector<std::uint8_t> encodePng(gpu::OffscreenSurface& surface) {
     const std::vector<std::uint8_t> rgba = surface.readbackRGBA();
@@ -186,31 +216,20 @@ std::vector<std::uint8_t> encodePng(gpu::OffscreenSurface& surface) {
 
 int capture(const CaptureOptions& options) {
     const std::string& showPath = options.archivePath;
-    auto archive = readInShow(showPath, "", [&] { return DemoArchive::load(showPath); });
+    auto archive = readInShow(showPath, "", [&] { return loadShowArchive(showPath); });
     const DemoManifest manifest = readInShow(showPath, "demo.ini", [&] { return loadDemoManifest(*archive, "demo.ini"); });
-    const auto [width, height] = captureSize(options, manifest.defaultWidth, manifest.defaultHeight);
+    const CaptureSize size = captureSize(options, manifest.defaultWidth, manifest.defaultHeight);
     const FramePlan frames(options, manifest.defaultFps);
     checkShowText(*archive, manifest, showPath);
-    const ShowTiming timing = timingFor(*archive, manifest, showPath);
+    const ShowTiming timing = timingFor(loadMusic(*archive, manifest, showPath).get());
 
-    auto device = gpu::Device::create({});
-    std::unique_ptr<gpu::OffscreenSurface> surface;
-    if (device) surface = std::make_unique<gpu::OffscreenSurface>(*device, width, height);
-    TaskQueue tasks;
-    // A missing device reaches the renderer as null and fails with its own message.
-    std::unique_ptr<Renderer> renderer;
-    try {
-        renderer = std::make_unique<Renderer>(device.get(), surface.get(), archive, manifest, tasks.poster());
-    } catch (const std::runtime_error& error) {
-        const std::string image = failingImage(*archive, manifest, error.what());
-        if (image.empty()) throw;
-        throw std::runtime_error(inShow(showPath, image, error.what()));
-    }
-    renderer->resize({width, height});
+    OffscreenShow show;
+    startRenderer(show, archive, manifest, showPath, size);
+    gpu::Device& device = *show.device;
+    gpu::OffscreenSurface& surface = *show.surface;
+    Renderer& renderer = *show.renderer;
     std::filesystem::create_directories(options.outputDirectory);
 
-    // The pool can grow at most this often; a frame whose geometry did not fit is drawn again.
-    constexpr int kMaxRedraws = 8;
     try {
         for (std::uint64_t i = 0; i < frames.size(); ++i) {
             const CaptureFrame planned = frames.frame(i);
@@ -223,16 +242,16 @@ int capture(const CaptureOptions& options) {
             frame.showDurationSeconds = timing.showDurationSeconds;
             frame.renderEndSeconds = timing.renderEndSeconds;
             for (int attempt = 0; attempt < kMaxRedraws; ++attempt) {
-                const std::uint64_t before = surface->presentedCount();
-                renderer->draw(frame);
-                if (surface->presentedCount() == before) throw std::runtime_error("No drawable for the frame");
-                device->waitIdle();
-                device->completions().drain();
-                if (tasks.run() == 0) break;  // growth applied before the next frame
+                const std::uint64_t before = surface.presentedCount();
+                renderer.draw(frame);
+                if (surface.presentedCount() == before) throw std::runtime_error("No drawable for the frame");
+                device.waitIdle();
+                device.completions().drain();
+                if (show.tasks.run() == 0) break;  // growth applied before the next frame
             }
             // A new file, or the old one replaced whole; never written through a FIFO or device.
             replaceFileAtomically((std::filesystem::path(options.outputDirectory) / planned.fileName).string(),
-                                  encodePng(*surface));
+                                  encodePng(surface));
         }
     } catch (...) {
         std::fputc('\n', stderr);  // ends the progress line
@@ -240,10 +259,59 @@ int capture(const CaptureOptions& options) {
     }
     std::fprintf(stderr, "\rCaptured %llu frame%s to %s\n", static_cast<unsigned long long>(frames.size()),
                  frames.size() == 1 ? "" : "s", options.outputDirectory.c_str());
-    if (device->validationMessageCount() != 0) {
-        std::fprintf(stderr, "brisvale-capture: %u validation messages\n", device->validationMessageCount());
-        return 1;
+    return reportValidation(device);
+}
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Video
+// ---------------------------------------------------------------------------------------------
+
+int captureVideo(const CaptureOptions& options) {
+    const std::string& showPath = options.archivePath;
+    auto archive = readInShow(showPath, "", [&] { return loadShowArchive(showPath); });
+    const DemoManifest manifest = readInShow(showPath, "demo.ini", [&] { return loadDemoManifest(*archive, "demo.ini"); });
+    const CaptureSize size = captureSize(options, manifest.defaultWidth, manifest.defaultHeight);
+    checkShowText(*archive, manifest, showPath);
+    const std::unique_ptr<ShowMusic> music = loadMusic(*archive, manifest, showPath);
+    const ShowTiming timing = timingFor(music.get());
+    const FramePlan frames(options, manifest.defaultFps, timing.renderEndSeconds);
+
+    // Every setting is tried on the encoders before anything is drawn.
+    VideoSettings settings;
+    settings.path = options.videoPath;
+    settings.codec = options.codec;
+    settings.quality = options.quality;
+    settings.width = size.width;
+    settings.height = size.height;
+    settings.fps = frames.fps();
+    if (music) {
+        settings.musicRate = music->rate();
+        settings.musicChannels = music->channels();
     }
+    VideoFile file(settings);
+
+    OffscreenShow show;
+    startRenderer(show, archive, manifest, showPath, size);
+    show.surface->enableFrameReadback();
+    const VideoExport job{*show.renderer, *show.surface, [&] { return show.tasks.run(); }, frames,
+                          timing.showDurationSeconds, timing.renderEndSeconds, file, music.get()};
+    const std::uint64_t made = exportVideo(job);
+    if (const int status = reportValidation(*show.device); status != 0) return status;
+    const double seconds = static_cast<double>(made) / frames.fps();
+    if (made < frames.size()) {
+        if (made == 0) {
+            std::fprintf(stderr, "Interrupted before the first frame; nothing written\n");
+            return 130;
+        }
+        file.commit();
+        std::fprintf(stderr, "Interrupted: wrote %llu of %llu frames (%.3f s) to %s\n",
+                     static_cast<unsigned long long>(made), static_cast<unsigned long long>(frames.size()), seconds,
+                     options.videoPath.c_str());
+        return 130;
+    }
+    file.commit();
+    std::fprintf(stderr, "Wrote %llu frames (%.3f s, %s) to %s\n", static_cast<unsigned long long>(made), seconds,
+                 file.encoderName().c_str(), options.videoPath.c_str());
     return 0;
 }
 
@@ -262,7 +330,9 @@ int main(int argc, char** argv) {
             std::fputs(captureHelp().c_str(), stdout);
             return 0;
         }
-        return capture(options);
+        if (options.videoPath.empty()) return capture(options);
+        holdInterrupts();  // before the first thread starts
+        return captureVideo(options);
     } catch (const CaptureOptionError& error) {
         std::fprintf(stderr, "brisvale-capture: %s\n", error.what());
         return 2;
