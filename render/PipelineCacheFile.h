@@ -6,6 +6,7 @@
 // later replaced. It is replaced whole (a temporary file beside it, then a rename), never
 // written through a link.
 
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <optional>

@@ -57,7 +57,9 @@ public:
     void installImages(std::shared_ptr<PreparedImages> images);
 
     // Main thread: text drawn over the picture as a last pass, several lines, at most a few
-    // thousand characters (the rest is cut off). Empty: no pass, and nothing made for it.
+    // thousand characters (the rest is cut off). Empty: no pass, and nothing made for it. The
+    // first text makes the pass's pipeline and buffers; when they cannot be made, throws
+    // std::runtime_error with one line.
     void setOverlayText(std::string text);
     // Seconds of GPU time of the most recent completed frame (timestamp queries; where the queue
     // has none, from submission to the fence's signal); 0 before the first. Any thread.

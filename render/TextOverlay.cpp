@@ -93,7 +93,7 @@ void boxQuad(std::uint8_t* at, float x0, float y0, float x1, float y1) {
 
 } // namespace
 
-TextOverlay::TextOverlay(gpu::Device& device, VkFormat colorFormat, std::uint32_t slots) : device_(device) {
+TextOverlay::TextOverlay(gpu::Device& device, VkFormat colorFormat, std::uint32_t slots) {
     layout_ = gpu::PipelineLayout::create(device, {{0, VK_DESCRIPTOR_TYPE_STORAGE_BUFFER}}, sizeof(OverlayConstants));
     if (!layout_) throw std::runtime_error(std::string(kOverlayFailed) + ": pipeline layout");
     const std::vector<std::uint32_t> vertex(std::begin(kTextOverlayVertex), std::end(kTextOverlayVertex));

@@ -47,7 +47,6 @@ public:
     void encode(gpu::CommandBuffer& commands, const gpu::Texture& target, std::uint32_t slot);
 
 private:
-    gpu::Device& device_;
     std::unique_ptr<gpu::PipelineLayout> layout_;
     std::unique_ptr<gpu::RenderPipeline> pipeline_;
     std::unique_ptr<gpu::DescriptorPool> descriptors_;
