@@ -24,7 +24,7 @@ namespace {
 constexpr const char* kNoImagePaths = "Asset manifest does not define any image paths";
 constexpr const char* kNoImageArray = "Failed to create image texture array";
 constexpr const char* kNoUploadBuffer = "Failed to create bitmap context for texture upload";
-constexpr const char* kForeignImages = "Prepared images of another renderer";
+constexpr const char* kForeignImages = "Not images prepared by this renderer";
 // Layers decoded at once: each holds a decoded image and a 4 MiB staging layer meanwhile.
 constexpr std::uint32_t kMaxDecodeWorkers = 4;
 const std::string kOverDecodeBudget =

@@ -35,7 +35,7 @@ constexpr const char* kComputePipelineFailed = "Failed to create compute pipelin
 constexpr const char* kNoDepthStencilState = "Failed to create depth stencil state";
 constexpr const char* kNoRequestBuffer = "Failed to create geometry request buffer";
 constexpr const char* kNoFrameResources = "Failed to create frame resources";
-constexpr const char* kForeignShaders = "Prepared shaders of another renderer";
+constexpr const char* kForeignShaders = "Not shaders prepared by this renderer";
 constexpr const char* kIgnoredCache = "Ignoring pipeline cache %s: %s\n";
 constexpr const char* kCacheNotSaved = "Failed to save pipeline cache: %s\n";
 
