@@ -1,11 +1,13 @@
-// One frame: drawable, in-flight slot, phase, compute pass, scene pass, composite pass,
-// presentation and the completion handlers; and the depth target that follows the drawable.
+// One frame: drawable, in-flight slot, phase, compute pass, scene pass, composite pass, the text
+// over the picture, presentation and the completion handlers (with the frame's GPU time); and
+// the depth target that follows the drawable.
 //
 // [SECTION] Phases
 // [SECTION] Draw
 // [SECTION] Passes
 // [SECTION] Completion handlers
 // [SECTION] Depth target
+// [SECTION] Text overlay
 
 #include "render/RendererImpl.h"
 
@@ -57,6 +59,7 @@ void Renderer::Impl::draw(const FrameInfo& frame) {
     VkResult result = VK_SUCCESS;
     try {
         encode(frame, slotIndex, commands);
+        slots[slotIndex].submitted = Clock::now();
         result = submit(commands);
     } catch (...) {
         abandonFrame();
@@ -133,6 +136,7 @@ void Renderer::Impl::encode(const FrameInfo& frame, std::uint32_t slotIndex, gpu
     }
 
     commands.begin();
+    if (timestamps) timestamps->begin(commands.handle(), slotIndex);
     layer->encodeBegin(commands, drawable);
 
     // -----------------------------------------------------------------------------------------
@@ -223,14 +227,22 @@ void Renderer::Impl::encode(const FrameInfo& frame, std::uint32_t slotIndex, gpu
         commands.endRendering();
     }
 
+    // Text over everything, when there is any.
+    if (overlay && !overlay->empty()) overlay->encode(commands, *drawable.texture, slotIndex);
+
+    if (timestamps) timestamps->end(commands.handle(), slotIndex);
     layer->encodePresent(commands, drawable);
     commands.end();
 
-    // Replaced buffers and textures stay alive until this frame is back.
+    // Replaced buffers, textures and pipelines stay alive until this frame is back.
     slot.vertexPool = generatedVertexBuffer;
     slot.indirectArguments = indirectDrawArgumentBuffer;
     slot.depth = depthTexture;
     slot.drawable = drawable.keepAlive;
+    slot.scenePipeline = scenePipelineState;
+    slot.compositePipeline = compositePipelineState;
+    slot.computePipeline = computePipelineState;
+    slot.images = imageTextureArray;
     slot.feedback = runsCompute && capacity < renderer_limits::kMaxVertexCapacity;
 }
 
@@ -239,6 +251,7 @@ void Renderer::Impl::encode(const FrameInfo& frame, std::uint32_t slotIndex, gpu
 // ---------------------------------------------------------------------------------------------
 
 void Renderer::Impl::FrameSlot::frameCompleted(const gpu::CompletionStatus& status) {
+    owner->recordGpuTime(*this, status);
     if (feedback) {
         owner->feedbackHandler(status, *request);
     } else {
@@ -269,6 +282,15 @@ void Renderer::Impl::feedbackHandler(const gpu::CompletionStatus& status, gpu::B
     inFlightSemaphore.release();
 }
 
+void Renderer::Impl::recordGpuTime(const FrameSlot& slot, const gpu::CompletionStatus& status) {
+    if (status.failed) return;
+    std::optional<double> seconds;
+    if (timestamps) seconds = timestamps->seconds(slot.index);
+    // Without timestamps: from submission to the fence, which the completion thread has just seen.
+    if (!seconds) seconds = secondsSince(slot.submitted);
+    lastFrameGpuSeconds.store(*seconds);
+}
+
 // ---------------------------------------------------------------------------------------------
 // [SECTION] Depth target
 // ---------------------------------------------------------------------------------------------
@@ -283,6 +305,17 @@ void Renderer::Impl::ensureDepthTexture(std::uint64_t width, std::uint64_t heigh
     depthTexture = gpu::Texture::create(*device, description);  // frames in flight keep the old one
     require(depthTexture, kNoDepthTexture);
     ++depthTexturesCreated;
+}
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Text overlay
+// ---------------------------------------------------------------------------------------------
+
+void Renderer::Impl::setOverlayText(std::string text) {
+    // Nothing is made for a show that never shows text.
+    if (!overlay && text.empty()) return;
+    if (!overlay) overlay = std::make_unique<TextOverlay>(*device, layer->colorFormat(), renderer_limits::kFramesInFlight);
+    overlay->setText(text);
 }
 
 } // namespace brisvale

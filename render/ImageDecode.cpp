@@ -224,6 +224,10 @@ std::vector<std::uint8_t> decodeImageToSquare(const std::uint8_t* bytes, std::si
 
     premultiply(pixels.get(), pixelCount);
 
+    // Already the layer's size: scaling would give the same pixels back.
+    if (static_cast<std::uint32_t>(width) == edge && static_cast<std::uint32_t>(height) == edge)
+        return std::vector<std::uint8_t>(pixels.get(), pixels.get() + pixelCount * kChannels);
+
     std::vector<std::uint8_t> square(static_cast<std::size_t>(edge) * edge * kChannels, 0);
     if (edge == 0) return square;
     const int edgeInt = static_cast<int>(edge);

@@ -1,17 +1,24 @@
 // Renderer construction: the checks and GPU objects in their fixed order (each failure ends the
-// construction with its own message), the pipeline description, and teardown.
+// construction with its own message), built from the same steps that prepare and install a new
+// set of shaders while the show plays; the pipeline description, the pipeline cache, and
+// teardown.
 //
 // [SECTION] Messages
 // [SECTION] Constructor
-// [SECTION] Pipeline description
 // [SECTION] Per-frame resources
+// [SECTION] Shaders: compile, pipelines, installation
+// [SECTION] Pipeline description
+// [SECTION] Pipeline cache
 // [SECTION] Teardown
 
 #include "render/RendererImpl.h"
 
 #include "content/ShaderSource.h"
+#include "render/PipelineCacheFile.h"
 #include "render/ShaderCompiler.h"
 #include "render/ShaderInterface.h"
+
+#include <cstdio>
 
 namespace brisvale {
 namespace {
@@ -28,10 +35,19 @@ constexpr const char* kComputePipelineFailed = "Failed to create compute pipelin
 constexpr const char* kNoDepthStencilState = "Failed to create depth stencil state";
 constexpr const char* kNoRequestBuffer = "Failed to create geometry request buffer";
 constexpr const char* kNoFrameResources = "Failed to create frame resources";
+constexpr const char* kForeignShaders = "Not shaders prepared by this renderer";
+constexpr const char* kIgnoredCache = "Ignoring pipeline cache %s: %s\n";
+constexpr const char* kCacheNotSaved = "Failed to save pipeline cache: %s\n";
 
 std::string withDescription(const char* message, const std::string& description) {
     return description.empty() ? std::string(message) : std::string(message) + ": " + description;
 }
+
+// Sets the flag when construction ends, however it ends.
+struct CancelOnExit {
+    std::atomic<bool>& flag;
+    ~CancelOnExit() { flag.store(true); }
+};
 
 } // namespace
 
@@ -39,23 +55,50 @@ std::string withDescription(const char* message, const std::string& description)
 // [SECTION] Constructor
 // ---------------------------------------------------------------------------------------------
 
-Renderer::Impl::Impl(void* deviceArgument, void* layerArgument, std::shared_ptr<const DemoArchive> archiveArgument,
-                     DemoManifest manifestArgument, MainThreadPoster poster)
-    : device(static_cast<gpu::Device*>(deviceArgument)),
-      layer(static_cast<gpu::Surface*>(layerArgument)),
+Renderer::Impl::Impl(gpu::Device* deviceArgument, gpu::Surface* layerArgument,
+                     std::shared_ptr<const DemoArchive> archiveArgument, DemoManifest manifestArgument,
+                     MainThreadPoster poster, std::optional<std::filesystem::path> cacheDirectory)
+    : device(deviceArgument),
+      layer(layerArgument),
       archive(std::move(archiveArgument)),
       manifest(std::move(manifestArgument)),
       postToMain(std::move(poster)),
-      lifeToken(std::make_shared<Impl*>(this)) {
+      lifeToken(std::make_shared<Impl*>(this)),
+      pipelineCacheDirectory(std::move(cacheDirectory)) {
+    const auto started = Clock::now();
     require(device, kNoDevice);
     require(layer, kNoLayer);
     if (!archive) throw std::runtime_error(kNoArchive);
 
     commandQueue = gpu::CommandQueue::create(*device, renderer_limits::kFramesInFlight);
     require(commandQueue, kNoQueue);
+    openPipelineCache();
 
-    const ExpandedShaderSource source = expandShaderSource(*archive, manifest.shaderPath);
-    const CompiledShaders shaders = compileSceneShaders(source);  // compile and missing-function messages
+    // The images are read from the archive first, then decode and upload beside the shaders
+    // (which read the archive only before that); their errors still come last, and a failure
+    // before them stops their decoding and discards what they found.
+    auto step = Clock::now();
+    std::exception_ptr imagesUnreadable;
+    ImageSources imageSources;
+    try {
+        imageSources = readImages(*archive, manifest.assetManifestPath);
+    } catch (...) {
+        imagesUnreadable = std::current_exception();
+    }
+    std::atomic<bool> imagesCancelled{false};
+    std::future<std::shared_ptr<Renderer::PreparedImages>> images;
+    const CancelOnExit cancelImages{imagesCancelled};  // raised before `images` waits for the thread
+    if (!imagesUnreadable) {
+        images = startAside([this, &imageSources, &imagesCancelled, step] {
+            auto prepared = uploadImages(imageSources, &imagesCancelled);
+            startupTimes.imageSeconds = secondsSince(step);
+            return prepared;
+        });
+    }
+
+    step = Clock::now();
+    const CompiledShaders shaders = compileShaders(*archive, manifest.shaderPath);
+    startupTimes.compileSeconds = secondsSince(step);
 
     using namespace shader_interface;
     pipelineLayout = gpu::PipelineLayout::create(*device,
@@ -67,19 +110,9 @@ Renderer::Impl::Impl(void* deviceArgument, void* layerArgument, std::shared_ptr<
                                                  kPushConstantSize);
     if (!pipelineLayout) throw std::runtime_error(withDescription(kScenePipelineFailed, "pipeline layout"));
 
-    std::string error;
-    gpu::RenderPipelineDescription scene = pipelineDescriptorWithVertex(shaders.vertex, shaders.fragment);
-    scene.depthFormat = VK_FORMAT_D32_SFLOAT;
-    scenePipelineState = gpu::RenderPipeline::create(*device, scene, &error);
-    if (!scenePipelineState) throw std::runtime_error(withDescription(kScenePipelineFailed, error));
-    // The composite pass has no depth attachment; Vulkan wants a pipeline that says so.
-    const gpu::RenderPipelineDescription composite = pipelineDescriptorWithVertex(shaders.vertex, shaders.fragment);
-    compositePipelineState = gpu::RenderPipeline::create(*device, composite, &error);
-    if (!compositePipelineState) throw std::runtime_error(withDescription(kScenePipelineFailed, error));
-
-    computePipelineState = gpu::ComputePipeline::create(*device, *pipelineLayout, shaders.compute, &error);
-    if (!computePipelineState) throw std::runtime_error(withDescription(kComputePipelineFailed, error));
-    threadExecutionWidth = shaders.computeLocalSizeX == 0 ? 1 : shaders.computeLocalSizeX;
+    step = Clock::now();
+    installShaders(buildPipelines(shaders));
+    startupTimes.pipelineSeconds = secondsSince(step);
 
     depthStencilState = DepthStencilState{true, true, VK_COMPARE_OP_LESS};
     require(depthStencilState, kNoDepthStencilState);
@@ -92,7 +125,8 @@ Renderer::Impl::Impl(void* deviceArgument, void* layerArgument, std::shared_ptr<
         require(buffer, kNoRequestBuffer);
     }
 
-    loadTextureArray();
+    if (imagesUnreadable) std::rethrow_exception(imagesUnreadable);
+    installImages(images.get());
 
     // -----------------------------------------------------------------------------------------
     // [SECTION] Per-frame resources
@@ -129,13 +163,62 @@ Renderer::Impl::Impl(void* deviceArgument, void* layerArgument, std::shared_ptr<
 
     descriptorPool = gpu::DescriptorPool::create(*device, *pipelineLayout, 2 * renderer_limits::kFramesInFlight);
     require(descriptorPool, kNoFrameResources);
-    for (auto& slot : slots) {
+    for (std::uint32_t i = 0; i < slots.size(); ++i) {
+        FrameSlot& slot = slots[i];
         slot.owner = this;
+        slot.index = i;
         slot.sceneSet = descriptorPool->allocate();
         slot.compositeSet = descriptorPool->allocate();
         require(slot.sceneSet, kNoFrameResources);
         require(slot.compositeSet, kNoFrameResources);
     }
+    // Without timestamps the GPU time is taken from the fences.
+    timestamps = gpu::TimestampQueries::create(*device, renderer_limits::kFramesInFlight);
+    startupTimes.totalSeconds = secondsSince(started);
+}
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Shaders: compile, pipelines, installation
+// ---------------------------------------------------------------------------------------------
+
+CompiledShaders Renderer::Impl::compileShaders(const DemoArchive& source, std::string_view shaderPath) const {
+    // Through the line map: compiler messages name the show's own file and line.
+    return compileSceneShaders(expandShaderSource(source, shaderPath));  // compile and missing-function messages
+}
+
+std::shared_ptr<Renderer::PreparedShaders> Renderer::Impl::buildPipelines(const CompiledShaders& shaders) const {
+    auto prepared = std::make_shared<Renderer::PreparedShaders>();
+    prepared->owner = this;
+    prepared->threadExecutionWidth = shaders.computeLocalSizeX == 0 ? 1 : shaders.computeLocalSizeX;
+
+    // The three pipelines are independent: on threads of their own (where threads can be had),
+    // their errors reported in the order scene, composite, compute.
+    gpu::RenderPipelineDescription scene = pipelineDescriptorWithVertex(shaders.vertex, shaders.fragment);
+    scene.depthFormat = VK_FORMAT_D32_SFLOAT;
+    // The composite pass has no depth attachment; Vulkan wants a pipeline that says so.
+    const gpu::RenderPipelineDescription composite = pipelineDescriptorWithVertex(shaders.vertex, shaders.fragment);
+    std::string sceneError, compositeError, computeError;
+    {
+        auto sceneDone = startAside([&] { prepared->scene = gpu::RenderPipeline::create(*device, scene, &sceneError); });
+        auto compositeDone = startAside(
+            [&] { prepared->composite = gpu::RenderPipeline::create(*device, composite, &compositeError); });
+        prepared->compute = gpu::ComputePipeline::create(*device, *pipelineLayout, shaders.compute, &computeError,
+                                                         pipelineCache.get());
+        sceneDone.get();
+        compositeDone.get();
+    }
+    if (!prepared->scene) throw std::runtime_error(withDescription(kScenePipelineFailed, sceneError));
+    if (!prepared->composite) throw std::runtime_error(withDescription(kScenePipelineFailed, compositeError));
+    if (!prepared->compute) throw std::runtime_error(withDescription(kComputePipelineFailed, computeError));
+    return prepared;
+}
+
+void Renderer::Impl::installShaders(std::shared_ptr<Renderer::PreparedShaders> shaders) {
+    if (!shaders || shaders->owner != this) throw std::invalid_argument(kForeignShaders);
+    scenePipelineState = shaders->scene;
+    compositePipelineState = shaders->composite;
+    computePipelineState = shaders->compute;
+    threadExecutionWidth = shaders->threadExecutionWidth;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -158,7 +241,34 @@ gpu::RenderPipelineDescription Renderer::Impl::pipelineDescriptorWithVertex(
     description.blend.dstColor = VK_BLEND_FACTOR_ONE_MINUS_SRC_ALPHA;
     description.blend.dstAlpha = VK_BLEND_FACTOR_ONE_MINUS_SRC_ALPHA;
     description.depthFormat = VK_FORMAT_UNDEFINED;  // set by the caller
+    description.cache = pipelineCache.get();
     return description;
+}
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Pipeline cache
+// ---------------------------------------------------------------------------------------------
+
+void Renderer::Impl::openPipelineCache() {
+    if (!pipelineCacheDirectory) return;
+    PipelineCacheLoad saved = loadPipelineCache(*pipelineCacheDirectory, *device);
+    if (!saved.problem.empty()) {
+        std::fprintf(stderr, kIgnoredCache, saved.path.c_str(), saved.problem.c_str());
+    }
+    // A cache the driver cannot make costs only time: pipelines are then made without one.
+    pipelineCache = gpu::PipelineCache::create(*device, saved.bytes);
+    if (pipelineCache && pipelineCache->startedFromSaved()) pipelineCacheAtStart = std::move(saved.bytes);
+}
+
+void Renderer::Impl::savePipelineCache() noexcept {
+    if (!pipelineCacheDirectory || !pipelineCache) return;
+    try {
+        const std::vector<std::uint8_t> bytes = pipelineCache->data(kMaxPipelineCacheBytes);
+        if (bytes.empty() || bytes == pipelineCacheAtStart) return;
+        savePipelineCacheFile(*pipelineCacheDirectory, *device, bytes);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, kCacheNotSaved, error.what());
+    }
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -172,6 +282,7 @@ Renderer::Impl::~Impl() {
         for (std::uint32_t i = 0; i < renderer_limits::kFramesInFlight; ++i) inFlightSemaphore.acquire();
         device->completions().drain();
         device->waitIdle();  // one-shot work and presentation as well
+        savePipelineCache();
     }
 }
 

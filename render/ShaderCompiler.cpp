@@ -3,20 +3,27 @@
 // The source holds scene_vertex, scene_fragment and scene_compute side by side. Each stage
 // is compiled separately with a preamble that defines the stage macro and renames that
 // stage's function to main, so a stage whose function is absent fails to link with
-// glslang's "Missing entry point". Errors are checked in two rounds: every stage must
-// compile and link before any missing function is reported.
+// glslang's "Missing entry point". The three stages compile side by side on threads of their
+// own; their errors are reported in two rounds, as if one stage had followed another: every
+// stage must compile and link before any missing function is reported. A source whose macros
+// would expand past a fixed number of tokens never reaches glslang (MacroExpansion.h).
 #include "render/ShaderCompiler.h"
 
 #include <array>
+#include <exception>
+#include <functional>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
+#include <system_error>
+#include <thread>
 
 #include <glslang/Public/ResourceLimits.h>
 #include <glslang/Public/ShaderLang.h>
 #include <glslang/SPIRV/GlslangToSpv.h>
 
+#include "render/MacroExpansion.h"
 #include "render/ShaderInterface.h"
 
 namespace brisvale {
@@ -119,11 +126,19 @@ std::string oneLineDescription(std::string_view log) {
 }
 
 // [SECTION] One stage
+// Everything one stage's compile found; the stages are built side by side and their findings
+// reported afterwards, in the order a one-stage-at-a-time compile would have met them.
 struct StageBuild {
     // The program refers to the shader, so it is declared after it and destroyed first.
     std::unique_ptr<glslang::TShader> shader;
     std::unique_ptr<glslang::TProgram> program;
+    std::string parseError;   // one line; empty when the stage parsed
+    std::string linkError;    // one line; empty when it linked or only lacked its entry point
     bool missingEntry = false;
+    std::string spirvError;   // one line; empty when SPIR-V was made
+    std::vector<std::uint32_t> spirv;
+    std::uint32_t localSizeX = 0;
+    std::exception_ptr failure;  // anything else (out of memory), rethrown in stage order
 };
 
 std::string stageText(const Stage& stage, const std::string& source) {
@@ -139,7 +154,7 @@ std::string stageText(const Stage& stage, const std::string& source) {
     return text;
 }
 
-void parseStage(const Stage& stage, const std::string& text, StageBuild& build) {
+bool parseStage(const Stage& stage, const std::string& text, StageBuild& build) {
     build.shader = std::make_unique<glslang::TShader>(stage.language);
     const char* strings[] = {text.c_str()};
     build.shader->setStrings(strings, 1);
@@ -147,25 +162,28 @@ void parseStage(const Stage& stage, const std::string& text, StageBuild& build) 
                               100);
     build.shader->setEnvClient(glslang::EShClientVulkan, glslang::EShTargetVulkan_1_3);
     build.shader->setEnvTarget(glslang::EShTargetSpv, glslang::EShTargetSpv_1_5);
-    if (!build.shader->parse(GetDefaultResources(), 450, ENoProfile, false, false, kMessages))
-        failStage(stage.name, oneLineDescription(build.shader->getInfoLog()));
+    if (build.shader->parse(GetDefaultResources(), 450, ENoProfile, false, false, kMessages))
+        return true;
+    build.parseError = oneLineDescription(build.shader->getInfoLog());
+    return false;
 }
 
-// Returns the link log when linking failed for a reason other than a missing entry point.
-std::string linkStage(StageBuild& build) {
+// False when linking failed, for a missing entry point or another reason (kept in linkError).
+bool linkStage(StageBuild& build) {
     build.program = std::make_unique<glslang::TProgram>();
     build.program->addShader(build.shader.get());
-    if (build.program->link(kMessages)) return {};
+    if (build.program->link(kMessages)) return true;
     const std::string_view log = build.program->getInfoLog();
     if (log.find("Missing entry point") != std::string_view::npos) {
         build.missingEntry = true;
-        return {};
+        return false;
     }
     const std::string description = oneLineDescription(log);
-    return description.empty() ? std::string("link failed") : description;
+    build.linkError = description.empty() ? std::string("link failed") : description;
+    return false;
 }
 
-std::vector<std::uint32_t> generateSpirv(const Stage& stage, StageBuild& build) {
+bool generateSpirv(const Stage& stage, StageBuild& build) {
     std::vector<unsigned int> words;
     spv::SpvBuildLogger logger;
     glslang::SpvOptions options;
@@ -173,10 +191,55 @@ std::vector<std::uint32_t> generateSpirv(const Stage& stage, StageBuild& build) 
     glslang::GlslangToSpv(*build.program->getIntermediate(stage.language), words, &logger,
                           &options);
     const std::string messages = logger.getAllMessages();
-    if (words.empty() || messages.find("error") != std::string::npos)
-        failStage(stage.name, messages.empty() ? std::string("no SPIR-V generated")
-                                               : oneLineDescription(messages));
-    return {words.begin(), words.end()};
+    if (words.empty() || messages.find("error") != std::string::npos) {
+        build.spirvError = messages.empty() ? std::string("no SPIR-V generated")
+                                            : oneLineDescription(messages);
+        return false;
+    }
+    build.spirv.assign(words.begin(), words.end());
+    return true;
+}
+
+void buildStage(const Stage& stage, const std::string& source, StageBuild& build) {
+    try {
+        if (!parseStage(stage, stageText(stage, source), build) || !linkStage(build) ||
+            !generateSpirv(stage, build))
+            return;
+        if (stage.language != EShLangCompute) return;
+        if (!build.program->buildReflection()) {
+            build.spirvError = "reflection failed";
+            return;
+        }
+        build.localSizeX = build.program->getLocalSize(0);
+    } catch (...) {
+        build.failure = std::current_exception();
+    }
+}
+
+// The stages on threads of their own (glslang is set up for the process once, and each compile
+// keeps to its own objects); where no thread can be started, here one after another.
+void buildStages(const std::string& source, std::array<StageBuild, kStages.size()>& builds) {
+    std::vector<std::thread> helpers;
+    for (std::size_t i = 1; i < kStages.size(); ++i) {
+        try {
+            helpers.emplace_back(buildStage, std::cref(kStages[i]), std::cref(source), std::ref(builds[i]));
+        } catch (const std::system_error&) {
+            buildStage(kStages[i], source, builds[i]);
+        }
+    }
+    buildStage(kStages[0], source, builds[0]);
+    for (std::thread& helper : helpers) helper.join();
+}
+
+// [SECTION] Macro expansion limit
+// Far beyond any real show (the default show is about 8,000 tokens), and about the most glslang
+// builds in a second and a few hundred megabytes per stage.
+constexpr double kMaxExpandedTokens = 500000;
+
+void checkExpansion(const std::string& source) {
+    const MacroExpansionCheck check = checkMacroExpansion(source, kMaxExpandedTokens);
+    if (check.withinLimit) return;
+    failCompile(check.line > 0 ? "0:" + std::to_string(check.line) + ": " + check.reason : check.reason);
 }
 
 } // namespace
@@ -184,28 +247,29 @@ std::vector<std::uint32_t> generateSpirv(const Stage& stage, StageBuild& build) 
 CompiledShaders compileSceneShaders(const std::string& expandedSource) {
     static const GlslangProcess process;
     if (!process.initialised()) failCompile("glslang could not be initialised");
+    checkExpansion(expandedSource);
 
     std::array<StageBuild, kStages.size()> builds;
+    buildStages(expandedSource, builds);
 
+    for (const StageBuild& build : builds)
+        if (build.failure) std::rethrow_exception(build.failure);
     // Compile errors come before missing functions: every stage is parsed and linked first.
     for (std::size_t i = 0; i < kStages.size(); ++i)
-        parseStage(kStages[i], stageText(kStages[i], expandedSource), builds[i]);
-    for (std::size_t i = 0; i < kStages.size(); ++i) {
-        const std::string linkError = linkStage(builds[i]);
-        if (!linkError.empty()) failStage(kStages[i].name, linkError);
-    }
+        if (!builds[i].parseError.empty()) failStage(kStages[i].name, builds[i].parseError);
+    for (std::size_t i = 0; i < kStages.size(); ++i)
+        if (!builds[i].linkError.empty()) failStage(kStages[i].name, builds[i].linkError);
     for (std::size_t i = 0; i < kStages.size(); ++i)
         if (builds[i].missingEntry)
             throw std::runtime_error(std::string(kStages[i].missingMessage));
+    for (std::size_t i = 0; i < kStages.size(); ++i)
+        if (!builds[i].spirvError.empty()) failStage(kStages[i].name, builds[i].spirvError);
 
     CompiledShaders out;
-    out.vertex = generateSpirv(kStages[0], builds[0]);
-    out.fragment = generateSpirv(kStages[1], builds[1]);
-    out.compute = generateSpirv(kStages[2], builds[2]);
-
-    glslang::TProgram& compute = *builds[2].program;
-    if (!compute.buildReflection()) failStage("compute", "reflection failed");
-    out.computeLocalSizeX = compute.getLocalSize(0);
+    out.vertex = std::move(builds[0].spirv);
+    out.fragment = std::move(builds[1].spirv);
+    out.compute = std::move(builds[2].spirv);
+    out.computeLocalSizeX = builds[2].localSizeX;
     return out;
 }
 

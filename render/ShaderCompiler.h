@@ -20,7 +20,10 @@ struct CompiledShaders {
 //   "Failed to compile Metal shader source: <first errors>" when any stage fails to
 //   compile (checked for all stages before any missing function is reported), then
 //   "Missing scene_vertex shader", "Missing scene_fragment shader",
-//   "Missing scene_compute shader" in that order. Safe to call from any thread.
+//   "Missing scene_compute shader" in that order. A source whose macros would expand
+//   past 500,000 tokens fails with the first form before glslang sees it, naming the line
+//   and macro where the bound was passed ("0:<line>: '<macro>' : macro expansion exceeds
+//   500000 tokens"). Safe to call from any thread; the stages compile on threads of their own.
 CompiledShaders compileSceneShaders(const std::string& expandedSource);
 
 // The same for a source expanded with its line map: the compiler's locations in the messages

@@ -8,6 +8,7 @@ pkg_check_modules(STB REQUIRED IMPORTED_TARGET GLOBAL stb)
 add_library(brisvale_render_tools STATIC
   ${CMAKE_CURRENT_LIST_DIR}/ShaderCompiler.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ImageDecode.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/MacroExpansion.cpp
 )
 target_include_directories(brisvale_render_tools PUBLIC ${PROJECT_SOURCE_DIR})
 target_link_libraries(brisvale_render_tools

@@ -337,40 +337,49 @@ void Device::waitIdle() {
 void Device::runNow(const std::function<void(VkCommandBuffer)>& record) {
     VkCommandBuffer commands = VK_NULL_HANDLE;
     VkFence fence = VK_NULL_HANDLE;
+    VkFenceCreateInfo fenceInfo{};
+    fenceInfo.sType = VK_STRUCTURE_TYPE_FENCE_CREATE_INFO;
+    VkResult result = vkCreateFence(device_, &fenceInfo, nullptr, &fence);
+    check(result, "GPU upload");
+    const char* failed = "GPU upload";
     {
-        std::lock_guard lock(queueMutex_);
+        std::lock_guard lock(oneShotMutex_);
         VkCommandBufferAllocateInfo allocateInfo{};
         allocateInfo.sType = VK_STRUCTURE_TYPE_COMMAND_BUFFER_ALLOCATE_INFO;
         allocateInfo.commandPool = oneShotPool_;
         allocateInfo.level = VK_COMMAND_BUFFER_LEVEL_PRIMARY;
         allocateInfo.commandBufferCount = 1;
-        check(vkAllocateCommandBuffers(device_, &allocateInfo, &commands), "vkAllocateCommandBuffers");
-    }
-    VkFenceCreateInfo fenceInfo{};
-    fenceInfo.sType = VK_STRUCTURE_TYPE_FENCE_CREATE_INFO;
-    VkResult result = vkCreateFence(device_, &fenceInfo, nullptr, &fence);
-    if (result == VK_SUCCESS) {
-        VkCommandBufferBeginInfo begin{};
-        begin.sType = VK_STRUCTURE_TYPE_COMMAND_BUFFER_BEGIN_INFO;
-        begin.flags = VK_COMMAND_BUFFER_USAGE_ONE_TIME_SUBMIT_BIT;
-        vkBeginCommandBuffer(commands, &begin);
-        record(commands);
-        result = vkEndCommandBuffer(commands);
+        result = vkAllocateCommandBuffers(device_, &allocateInfo, &commands);
+        if (result != VK_SUCCESS) failed = "vkAllocateCommandBuffers";
         if (result == VK_SUCCESS) {
-            VkCommandBufferSubmitInfo commandInfo{};
-            commandInfo.sType = VK_STRUCTURE_TYPE_COMMAND_BUFFER_SUBMIT_INFO;
-            commandInfo.commandBuffer = commands;
-            VkSubmitInfo2 submitInfo{};
-            submitInfo.sType = VK_STRUCTURE_TYPE_SUBMIT_INFO_2;
-            submitInfo.commandBufferInfoCount = 1;
-            submitInfo.pCommandBufferInfos = &commandInfo;
-            result = submit(submitInfo, fence);
-            if (result == VK_SUCCESS) result = vkWaitForFences(device_, 1, &fence, VK_TRUE, UINT64_MAX);
+            VkCommandBufferBeginInfo begin{};
+            begin.sType = VK_STRUCTURE_TYPE_COMMAND_BUFFER_BEGIN_INFO;
+            begin.flags = VK_COMMAND_BUFFER_USAGE_ONE_TIME_SUBMIT_BIT;
+            vkBeginCommandBuffer(commands, &begin);
+            record(commands);
+            result = vkEndCommandBuffer(commands);
         }
-        vkDestroyFence(device_, fence, nullptr);
     }
+    if (result != VK_SUCCESS) {
+        vkDestroyFence(device_, fence, nullptr);
+        if (commands != VK_NULL_HANDLE) {
+            std::lock_guard lock(oneShotMutex_);
+            vkFreeCommandBuffers(device_, oneShotPool_, 1, &commands);
+        }
+        check(result, failed);
+    }
+    VkCommandBufferSubmitInfo commandInfo{};
+    commandInfo.sType = VK_STRUCTURE_TYPE_COMMAND_BUFFER_SUBMIT_INFO;
+    commandInfo.commandBuffer = commands;
+    VkSubmitInfo2 submitInfo{};
+    submitInfo.sType = VK_STRUCTURE_TYPE_SUBMIT_INFO_2;
+    submitInfo.commandBufferInfoCount = 1;
+    submitInfo.pCommandBufferInfos = &commandInfo;
+    result = submit(submitInfo, fence);
+    if (result == VK_SUCCESS) result = vkWaitForFences(device_, 1, &fence, VK_TRUE, UINT64_MAX);
+    vkDestroyFence(device_, fence, nullptr);
     {
-        std::lock_guard lock(queueMutex_);
+        std::lock_guard lock(oneShotMutex_);
         vkFreeCommandBuffers(device_, oneShotPool_, 1, &commands);
     }
     check(result, "GPU upload");

@@ -84,9 +84,13 @@ private:
     bool swapchainEnabled_ = false;
     // Written by the messenger callback on whichever thread made the call.
     std::atomic<std::uint32_t> validationMessages_{0};
-    // queueMutex_ guards queue_ (submit, present, wait idle) and oneShotPool_: Vulkan asks for
-    // external synchronisation of both; the main thread and tools' readbacks use them.
+    // queueMutex_ guards queue_ (submit, present, wait idle): the main thread, tools' readbacks
+    // and uploads made off the main thread (prepared image arrays) share it.
     std::mutex queueMutex_;
+    // oneShotMutex_ guards oneShotPool_ and every command buffer allocated from it while it is
+    // recorded (Vulkan asks for external synchronisation of the pool for both): one-shot work
+    // may come from several threads at once. Never held while waiting for the GPU.
+    std::mutex oneShotMutex_;
     VkCommandPool oneShotPool_ = VK_NULL_HANDLE;
     std::unique_ptr<CompletionThread> completions_;
 };

@@ -1,6 +1,7 @@
 #include "render/gpu/Pipeline.h"
 
 #include "render/gpu/Device.h"
+#include "render/gpu/PipelineCache.h"
 
 #include <array>
 
@@ -169,7 +170,8 @@ std::unique_ptr<RenderPipeline> RenderPipeline::create(Device& device, const Ren
     info.pDynamicState = &dynamic;
     info.layout = description.layout->handle();
     const VkResult result =
-        vkCreateGraphicsPipelines(device.handle(), VK_NULL_HANDLE, 1, &info, nullptr, &self->pipeline_);
+        vkCreateGraphicsPipelines(device.handle(), description.cache ? description.cache->handle() : VK_NULL_HANDLE, 1,
+                                  &info, nullptr, &self->pipeline_);
     if (result != VK_SUCCESS) {
         if (error) *error = resultName(result);
         self->pipeline_ = VK_NULL_HANDLE;
@@ -185,7 +187,7 @@ RenderPipeline::~RenderPipeline() {
 
 std::unique_ptr<ComputePipeline> ComputePipeline::create(Device& device, const PipelineLayout& layout,
                                                          const std::vector<std::uint32_t>& compute,
-                                                         std::string* error) {
+                                                         std::string* error, const PipelineCache* cache) {
     std::unique_ptr<ComputePipeline> self(new ComputePipeline(device));
     ShaderModule module(device, compute);
     if (module.result() != VK_SUCCESS) {
@@ -197,7 +199,8 @@ std::unique_ptr<ComputePipeline> ComputePipeline::create(Device& device, const P
     info.stage = stageInfo(VK_SHADER_STAGE_COMPUTE_BIT, module.handle());
     info.layout = layout.handle();
     const VkResult result =
-        vkCreateComputePipelines(device.handle(), VK_NULL_HANDLE, 1, &info, nullptr, &self->pipeline_);
+        vkCreateComputePipelines(device.handle(), cache ? cache->handle() : VK_NULL_HANDLE, 1, &info, nullptr,
+                                 &self->pipeline_);
     if (result != VK_SUCCESS) {
         if (error) *error = resultName(result);
         self->pipeline_ = VK_NULL_HANDLE;

@@ -12,6 +12,7 @@
 namespace brisvale::gpu {
 
 class Device;
+class PipelineCache;
 
 struct LayoutBinding {
     std::uint32_t binding = 0;
@@ -58,6 +59,7 @@ struct RenderPipelineDescription {
     // VK_FORMAT_UNDEFINED: no depth attachment. With one, depth test, write and compare are set
     // per draw (dynamic state), starting from "off" in every pass.
     VkFormat depthFormat = VK_FORMAT_UNDEFINED;
+    const PipelineCache* cache = nullptr;  // none: the driver compiles from scratch
 };
 
 class RenderPipeline {
@@ -81,7 +83,8 @@ private:
 class ComputePipeline {
 public:
     static std::unique_ptr<ComputePipeline> create(Device& device, const PipelineLayout& layout,
-                                                   const std::vector<std::uint32_t>& compute, std::string* error);
+                                                   const std::vector<std::uint32_t>& compute, std::string* error,
+                                                   const PipelineCache* cache = nullptr);
     ~ComputePipeline();
     ComputePipeline(const ComputePipeline&) = delete;
     ComputePipeline& operator=(const ComputePipeline&) = delete;

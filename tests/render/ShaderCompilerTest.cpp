@@ -350,6 +350,61 @@ void scene_compute() {}
     EXPECT_EQ(errorOf(source), "Missing scene_fragment shader");
 }
 
+// --- Macro expansion ----------------------------------------------------------------------
+
+// `depth` nested uses of `macro`, around `leaf`: D(D(D(1.0))).
+std::string nested(const std::string& macro, int depth, const std::string& leaf) {
+    std::string text;
+    for (int i = 0; i < depth; ++i) text += macro + "(";
+    text += leaf;
+    return text + std::string(static_cast<std::size_t>(depth), ')');
+}
+
+// #define A0 1.0, then A<i> (A<i-1>+A<i-1>) up to A<depth>: each doubles the one before.
+std::string doublingMacros(int depth) {
+    std::string text = "#define A0 1.0\n";
+    for (int i = 1; i <= depth; ++i)
+        text += "#define A" + std::to_string(i) + " (A" + std::to_string(i - 1) + "+A" + std::to_string(i - 1) + ")\n";
+    return text;
+}
+
+// glslang has no limit of its own: each of these would ask it for about 2^40 tokens.
+TEST(ShaderCompiler, MacrosThatExpandBeyondTheLimitAreRefusedBeforeCompiling) {
+    const std::string bomb = doublingMacros(40) + "const float big = A40;\n";
+    EXPECT_EQ(errorOf(bomb + shaderSource({})),
+              "Failed to compile Metal shader source: 0:42: 'A40' : macro expansion exceeds 500000 tokens");
+
+    const std::string duplicating = "#define D(x) x x\nconst float big = " + nested("D", 40, "1.0") + ";\n";
+    EXPECT_EQ(errorOf(duplicating + shaderSource({})),
+              "Failed to compile Metal shader source: 0:2: 'D' : macro expansion exceeds 500000 tokens");
+
+    // What only expansion would show counts as the largest macro could: an argument glslang
+    // expands though the body drops it, a macro called through a parameter, a pasted name, a
+    // call left open by a macro's body.
+    const std::string refused = "Failed to compile Metal shader source: ";
+    EXPECT_TRUE(errorOf(doublingMacros(40) + "#define DROP(x) 0\nconst float f = DROP(A40);\n").starts_with(refused));
+    std::string apply = "#define D(x) x x\n#define APPLY(f, x) f(x)\nconst float f = ";
+    for (int i = 0; i < 40; ++i) apply += "APPLY(D, ";
+    EXPECT_TRUE(errorOf(apply + "1.0" + std::string(40, ')') + ";\n").starts_with(refused));
+    EXPECT_TRUE(errorOf(doublingMacros(40) + "#define CAT(a, b) a##b\nconst float f = CAT(A, 40);\n")
+                    .starts_with(refused));
+    std::string open = "#define D(x) x x\n#define OPEN D(\nconst float f = ";
+    for (int i = 0; i < 40; ++i) open += "OPEN ";
+    EXPECT_TRUE(errorOf(open + "1.0" + std::string(40, ')') + ";\n").starts_with(refused));
+    // In a branch never taken, and in a condition.
+    EXPECT_TRUE(errorOf("#if 0\n" + doublingMacros(40) + "#endif\nconst float f = A40;\n").starts_with(refused));
+    EXPECT_TRUE(errorOf(doublingMacros(40) + "#if A40 > 0\n#endif\n").starts_with(refused));
+}
+
+TEST(ShaderCompiler, MacrosWithinTheLimitCompile) {
+    // 4096 terms each: well within the limit, and valid GLSL.
+    std::string source = doublingMacros(12) + "#define D(x) x + x\n" +
+                         "float big() { return A12 + " + nested("D", 12, "1.0") + "; }\n" +
+                         shaderSource({});
+    const CompiledShaders shaders = compileSceneShaders(source);
+    EXPECT_FALSE(shaders.vertex.empty());
+}
+
 // --- The example shipped for show authors -------------------------------------------------
 
 TEST(ShaderCompiler, ExampleShaderFileCompilesAndValidates) {
