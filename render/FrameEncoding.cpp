@@ -11,19 +11,18 @@
 
 #include "render/RendererImpl.h"
 
+#include "render/RenderLog.h"
 #include "render/ShaderInterface.h"
 
 #include <cmath>
-#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 
 namespace brisvale {
 namespace {
 
-constexpr const char* kCommandBufferFailed = "Metal command buffer failed: %s\n";
 constexpr const char* kNoDepthTexture = "Failed to create depth texture";
-constexpr float kClearColor[4] = {0.02f, 0.02f, 0.025f, 1.0f};
+constexpr std::array<float, 4> kClearColor = {0.02f, 0.02f, 0.025f, 1.0f};
 
 PassParams passParams(std::uint32_t index) {
     PassParams params;
@@ -67,7 +66,7 @@ void Renderer::Impl::draw(const FrameInfo& frame) {
     }
     if (result != VK_SUCCESS) {
         // A GPU error the show survives: one line, and the next frame is drawn as usual.
-        std::fprintf(stderr, kCommandBufferFailed, gpu::resultName(result));
+        renderLog(RenderLogItem::CommandBufferFailed, gpu::resultName(result));
         abandonFrame();
         return;
     }
@@ -161,21 +160,15 @@ void Renderer::Impl::encode(const FrameInfo& frame, std::uint32_t slotIndex, gpu
     }
 
     // Scene pass. The depth target is cleared, so its old contents (and layout) do not matter.
-    gpu::ImageTransition depthForScene;
-    depthForScene.srcStage = VK_PIPELINE_STAGE_2_EARLY_FRAGMENT_TESTS_BIT |
-                             VK_PIPELINE_STAGE_2_LATE_FRAGMENT_TESTS_BIT | VK_PIPELINE_STAGE_2_FRAGMENT_SHADER_BIT;
-    depthForScene.srcAccess = VK_ACCESS_2_DEPTH_STENCIL_ATTACHMENT_WRITE_BIT;
-    depthForScene.dstStage = VK_PIPELINE_STAGE_2_EARLY_FRAGMENT_TESTS_BIT | VK_PIPELINE_STAGE_2_LATE_FRAGMENT_TESTS_BIT;
-    depthForScene.dstAccess =
-        VK_ACCESS_2_DEPTH_STENCIL_ATTACHMENT_READ_BIT | VK_ACCESS_2_DEPTH_STENCIL_ATTACHMENT_WRITE_BIT;
-    depthForScene.newLayout = VK_IMAGE_LAYOUT_DEPTH_ATTACHMENT_OPTIMAL;
-    gpu::transitionTexture(commands.handle(), *depthTexture, depthForScene);
+    constexpr VkPipelineStageFlags2 kDepthTests =
+        VK_PIPELINE_STAGE_2_EARLY_FRAGMENT_TESTS_BIT | VK_PIPELINE_STAGE_2_LATE_FRAGMENT_TESTS_BIT;
+    commands.imageBarrier(*depthTexture, VK_IMAGE_LAYOUT_UNDEFINED, VK_IMAGE_LAYOUT_DEPTH_ATTACHMENT_OPTIMAL,
+                          kDepthTests | VK_PIPELINE_STAGE_2_FRAGMENT_SHADER_BIT,
+                          VK_ACCESS_2_DEPTH_STENCIL_ATTACHMENT_WRITE_BIT, kDepthTests,
+                          VK_ACCESS_2_DEPTH_STENCIL_ATTACHMENT_READ_BIT | VK_ACCESS_2_DEPTH_STENCIL_ATTACHMENT_WRITE_BIT);
 
-    gpu::ColorTarget color;
-    color.texture = drawable.texture;
-    color.clear = true;
-    for (int i = 0; i < 4; ++i) color.clearColor[i] = kClearColor[i];
-    commands.beginRendering(color, gpu::DepthTarget{depthTexture.get(), 1.0f});
+    commands.beginRendering(gpu::ColorTarget::cleared(*drawable.texture, kClearColor),
+                            gpu::DepthTarget{depthTexture.get(), 1.0f});
     commands.setViewport(drawable.texture->width(), drawable.texture->height());
     commands.bindRender(*scenePipelineState, layout, slot.sceneSet);
     commands.setDepthState(false, false, VK_COMPARE_OP_ALWAYS);  // no depth-stencil state set yet
@@ -201,23 +194,15 @@ void Renderer::Impl::encode(const FrameInfo& frame, std::uint32_t slotIndex, gpu
 
     // Composite pass: a quad over the scene that samples this frame's depth.
     if (phase == FramePhase::Finale) {
-        gpu::ImageTransition depthForSampling;
-        depthForSampling.srcStage = VK_PIPELINE_STAGE_2_EARLY_FRAGMENT_TESTS_BIT |
-                                    VK_PIPELINE_STAGE_2_LATE_FRAGMENT_TESTS_BIT;
-        depthForSampling.srcAccess = VK_ACCESS_2_DEPTH_STENCIL_ATTACHMENT_WRITE_BIT;
-        depthForSampling.dstStage = VK_PIPELINE_STAGE_2_FRAGMENT_SHADER_BIT;
-        depthForSampling.dstAccess = VK_ACCESS_2_SHADER_SAMPLED_READ_BIT;
-        depthForSampling.oldLayout = VK_IMAGE_LAYOUT_DEPTH_ATTACHMENT_OPTIMAL;
-        depthForSampling.newLayout = VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL;
-        gpu::transitionTexture(commands.handle(), *depthTexture, depthForSampling);
+        commands.imageBarrier(*depthTexture, VK_IMAGE_LAYOUT_DEPTH_ATTACHMENT_OPTIMAL,
+                              VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL, kDepthTests,
+                              VK_ACCESS_2_DEPTH_STENCIL_ATTACHMENT_WRITE_BIT, VK_PIPELINE_STAGE_2_FRAGMENT_SHADER_BIT,
+                              VK_ACCESS_2_SHADER_SAMPLED_READ_BIT);
         commands.memoryBarrier(VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT, VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT,
                                VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT,
                                VK_ACCESS_2_COLOR_ATTACHMENT_READ_BIT | VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT);
 
-        gpu::ColorTarget loaded;
-        loaded.texture = drawable.texture;
-        loaded.clear = false;
-        commands.beginRendering(loaded, gpu::DepthTarget{});
+        commands.beginRendering(gpu::ColorTarget::loaded(*drawable.texture), gpu::DepthTarget{});
         commands.setViewport(drawable.texture->width(), drawable.texture->height());
         commands.bindRender(*compositePipelineState, layout, slot.compositeSet);
         constants.pass = passParams(kPassCompositeQuad);
@@ -260,13 +245,13 @@ void Renderer::Impl::FrameSlot::frameCompleted(const gpu::CompletionStatus& stat
 }
 
 void Renderer::Impl::plainHandler(const gpu::CompletionStatus& status) {
-    if (status.failed) std::fprintf(stderr, kCommandBufferFailed, status.description);
+    if (status.failed) renderLog(RenderLogItem::CommandBufferFailed, status.description);
     framesInFlight.fetch_sub(1);
     inFlightSemaphore.release();
 }
 
 void Renderer::Impl::feedbackHandler(const gpu::CompletionStatus& status, gpu::Buffer& request) {
-    if (status.failed) std::fprintf(stderr, kCommandBufferFailed, status.description);
+    if (status.failed) renderLog(RenderLogItem::CommandBufferFailed, status.description);
     // Read before the slot is returned: the frame that reuses this record waits for the slot.
     request.invalidate();
     GeometryRequest record;
@@ -302,8 +287,8 @@ void Renderer::Impl::ensureDepthTexture(std::uint64_t width, std::uint64_t heigh
     description.width = static_cast<std::uint32_t>(width);
     description.height = static_cast<std::uint32_t>(height);
     description.usage = VK_IMAGE_USAGE_DEPTH_STENCIL_ATTACHMENT_BIT | VK_IMAGE_USAGE_SAMPLED_BIT;
-    depthTexture = gpu::Texture::create(*device, description);  // frames in flight keep the old one
-    require(depthTexture, kNoDepthTexture);
+    // Frames in flight keep the old one.
+    depthTexture = requireCreated(kNoDepthTexture, [&] { return gpu::Texture::create(*device, description); });
     ++depthTexturesCreated;
 }
 

@@ -23,7 +23,8 @@ std::unique_ptr<DescriptorPool> DescriptorPool::create(Device& device, const Pip
     info.maxSets = sets;
     info.poolSizeCount = static_cast<std::uint32_t>(sizes.size());
     info.pPoolSizes = sizes.data();
-    if (vkCreateDescriptorPool(device.handle(), &info, nullptr, &self->pool_) != VK_SUCCESS) return nullptr;
+    checkCreated(vkCreateDescriptorPool(device.handle(), &info, nullptr, &self->pool_), self->pool_,
+                 "vkCreateDescriptorPool");
     return self;
 }
 
@@ -39,7 +40,7 @@ VkDescriptorSet DescriptorPool::allocate() {
     info.descriptorSetCount = 1;
     info.pSetLayouts = &setLayout;
     VkDescriptorSet set = VK_NULL_HANDLE;
-    if (vkAllocateDescriptorSets(device_.handle(), &info, &set) != VK_SUCCESS) return VK_NULL_HANDLE;
+    check(vkAllocateDescriptorSets(device_.handle(), &info, &set), "vkAllocateDescriptorSets");
     return set;
 }
 
