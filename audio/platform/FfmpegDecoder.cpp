@@ -21,14 +21,12 @@
 #include <new>
 
 extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavformat/avformat.h>
 #include <libavutil/channel_layout.h>
 #include <libavutil/opt.h>
-#include <libswresample/swresample.h>
 }
 
 #include "audio/internal/messages.h"
+#include "audio/platform/FfmpegHandles.h"
 
 namespace pelora::gamedev::core {
 namespace platform {
@@ -47,28 +45,6 @@ void installFfmpegLog() {
     static std::once_flag once;
     std::call_once(once, [] { av_log_set_callback(ffmpegLog); });
 }
-
-struct FormatCloser {
-    void operator()(AVFormatContext* f) const { avformat_close_input(&f); }
-};
-struct IoFreer {
-    void operator()(AVIOContext* io) const {
-        av_freep(&io->buffer);
-        avio_context_free(&io);
-    }
-};
-struct CodecFreer {
-    void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
-};
-struct SwrFreer {
-    void operator()(SwrContext* s) const { swr_free(&s); }
-};
-struct PacketFreer {
-    void operator()(AVPacket* p) const { av_packet_free(&p); }
-};
-struct FrameFreer {
-    void operator()(AVFrame* f) const { av_frame_free(&f); }
-};
 
 constexpr int kIoBufferSize = 32768;
 // A path's URL. The reader opens the file itself; FFmpeg sees the URL only as the file's name
@@ -97,8 +73,8 @@ struct ContainerReader {
     FileDescriptor file;
     // Declared before `format` so that it is released after it: the format context reads
     // through it until it is closed.
-    std::unique_ptr<AVIOContext, IoFreer> io;
-    std::unique_ptr<AVFormatContext, FormatCloser> format;
+    ffmpeg::CustomIo io;
+    ffmpeg::InputFormat format;
     int audioStream = -1;
 
     void* context = nullptr;
@@ -408,10 +384,10 @@ Status containerGetAlbumArtwork(ContainerReader* reader, std::vector<uint8_t>* a
 // [DECODER]
 struct audio_decoder {
     std::unique_ptr<platform::ContainerReader> reader;
-    std::unique_ptr<AVCodecContext, platform::CodecFreer> codec;
-    std::unique_ptr<AVPacket, platform::PacketFreer> packet;
-    std::unique_ptr<AVFrame, platform::FrameFreer> frame;
-    std::unique_ptr<SwrContext, platform::SwrFreer> swr;
+    ffmpeg::CodecContext codec;
+    ffmpeg::Packet packet;
+    ffmpeg::Frame frame;
+    ffmpeg::Resampler swr;
     AVStream* stream = nullptr;
 
     AudioStreamBasicDescription client{};
@@ -432,7 +408,7 @@ struct audio_decoder {
     // Timestamp (stream time base) of frame 0: the first frame decoded from the start. Frames are
     // placed relative to it; the first one is held until the first read.
     int64_t originPts = 0;
-    std::unique_ptr<AVFrame, platform::FrameFreer> held;
+    ffmpeg::Frame held;
     bool heldValid = false;
     // Formats whose timestamps after a demuxer seek are only estimates reach a frame by decoding.
     bool seekByDecoding = false;
@@ -650,7 +626,7 @@ Status openCodec(audio_decoder& d) {
     if (codec == nullptr) {
         return kStatusFormatNotSupported;
     }
-    std::unique_ptr<AVCodecContext, CodecFreer> c(avcodec_alloc_context3(codec));
+    ffmpeg::CodecContext c(avcodec_alloc_context3(codec));
     if (!c) {
         return kStatusOutOfMemory;
     }
@@ -906,7 +882,7 @@ uint32_t readLe32(const uint8_t* b) {
 enum class Count { Counted, NeedsDecoding, Unknown };
 
 Count countPackets(ContainerReader& r, int rate, int64_t* frames) {
-    std::unique_ptr<AVPacket, PacketFreer> p(av_packet_alloc());
+    ffmpeg::Packet p(av_packet_alloc());
     if (!p) {
         return Count::Unknown;
     }

@@ -9,11 +9,7 @@
 #define STB_IMAGE_IMPLEMENTATION
 #include <stb/stb_image.h>
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavformat/avformat.h>
-#include <libswresample/swresample.h>
-}
+#include "audio/platform/FfmpegHandles.h"
 
 #include <algorithm>
 #include <array>
@@ -26,6 +22,8 @@ extern "C" {
 
 namespace brisvale::testing {
 namespace {
+
+namespace ffmpeg = pelora::gamedev::core::ffmpeg;
 
 struct RunResult {
     int status = -1;
@@ -81,21 +79,22 @@ struct DecodedVideo {
 // Every frame and sample of `path`, the picture of frame `keep`, the music resampled to `rate`.
 DecodedVideo decodeVideo(const std::string& path, int keep, int rate) {
     DecodedVideo out;
-    AVFormatContext* format = nullptr;
-    if (avformat_open_input(&format, path.c_str(), nullptr, nullptr) < 0) return out;
-    avformat_find_stream_info(format, nullptr);
+    AVFormatContext* opened = nullptr;
+    if (avformat_open_input(&opened, path.c_str(), nullptr, nullptr) < 0) return out;
+    const ffmpeg::InputFormat format(opened);
+    avformat_find_stream_info(format.get(), nullptr);
     struct Stream {
-        AVCodecContext* codec = nullptr;
+        ffmpeg::CodecContext codec;
         int index = -1;
     } video, audio;
     for (unsigned i = 0; i < format->nb_streams; ++i) {
         const AVCodecParameters* p = format->streams[i]->codecpar;
         Stream& s = p->codec_type == AVMEDIA_TYPE_VIDEO ? video : audio;
         s.index = static_cast<int>(i);
-        s.codec = avcodec_alloc_context3(avcodec_find_decoder(p->codec_id));
-        avcodec_parameters_to_context(s.codec, p);
+        s.codec.reset(avcodec_alloc_context3(avcodec_find_decoder(p->codec_id)));
+        avcodec_parameters_to_context(s.codec.get(), p);
         s.codec->pkt_timebase = format->streams[i]->time_base;
-        avcodec_open2(s.codec, s.codec->codec, nullptr);
+        avcodec_open2(s.codec.get(), s.codec->codec, nullptr);
         (p->codec_type == AVMEDIA_TYPE_VIDEO ? out.videoCodec : out.audioCodec) = avcodec_get_name(p->codec_id);
         if (p->codec_type == AVMEDIA_TYPE_VIDEO) {
             out.primaries = p->color_primaries;
@@ -103,17 +102,19 @@ DecodedVideo decodeVideo(const std::string& path, int keep, int rate) {
             out.range = p->color_range;
         }
     }
-    SwrContext* swr = nullptr;
+    ffmpeg::Resampler swr;
     if (audio.codec != nullptr) {
         AVChannelLayout stereo = AV_CHANNEL_LAYOUT_STEREO;
-        swr_alloc_set_opts2(&swr, &stereo, AV_SAMPLE_FMT_FLT, rate, &audio.codec->ch_layout, audio.codec->sample_fmt,
+        SwrContext* made = nullptr;
+        swr_alloc_set_opts2(&made, &stereo, AV_SAMPLE_FMT_FLT, rate, &audio.codec->ch_layout, audio.codec->sample_fmt,
                             audio.codec->sample_rate, 0, nullptr);
-        swr_init(swr);
+        swr.reset(made);
+        swr_init(swr.get());
     }
-    AVPacket* packet = av_packet_alloc();
-    AVFrame* frame = av_frame_alloc();
+    const ffmpeg::Packet packet(av_packet_alloc());
+    const ffmpeg::Frame frame(av_frame_alloc());
     auto collect = [&](Stream& s) {
-        while (avcodec_receive_frame(s.codec, frame) == 0) {
+        while (avcodec_receive_frame(s.codec.get(), frame.get()) == 0) {
             if (&s == &video && out.frames++ == keep) {
                 for (int y = 0; y < frame->height; ++y) {
                     for (int x = 0; x < frame->width; ++x) {
@@ -127,29 +128,25 @@ DecodedVideo decodeVideo(const std::string& path, int keep, int rate) {
                     }
                 }
             } else if (&s == &audio) {
-                std::vector<float> chunk(static_cast<std::size_t>(swr_get_out_samples(swr, frame->nb_samples)) * 2);
+                const int room = swr_get_out_samples(swr.get(), frame->nb_samples);
+                std::vector<float> chunk(static_cast<std::size_t>(room) * 2);
                 auto* data = reinterpret_cast<std::uint8_t*>(chunk.data());
-                const int n = swr_convert(swr, &data, static_cast<int>(chunk.size() / 2),
+                const int n = swr_convert(swr.get(), &data, static_cast<int>(chunk.size() / 2),
                                           const_cast<const std::uint8_t**>(frame->extended_data), frame->nb_samples);
                 out.music.insert(out.music.end(), chunk.begin(), chunk.begin() + 2 * std::max(n, 0));
             }
         }
     };
-    while (av_read_frame(format, packet) >= 0) {
+    while (av_read_frame(format.get(), packet.get()) >= 0) {
         Stream& s = packet->stream_index == video.index ? video : audio;
-        if (s.codec != nullptr && avcodec_send_packet(s.codec, packet) >= 0) collect(s);
-        av_packet_unref(packet);
+        if (s.codec != nullptr && avcodec_send_packet(s.codec.get(), packet.get()) >= 0) collect(s);
+        av_packet_unref(packet.get());
     }
     for (Stream* s : {&video, &audio}) {
         if (s->codec == nullptr) continue;
-        avcodec_send_packet(s->codec, nullptr);
+        avcodec_send_packet(s->codec.get(), nullptr);
         collect(*s);
-        avcodec_free_context(&s->codec);
     }
-    av_frame_free(&frame);
-    av_packet_free(&packet);
-    swr_free(&swr);
-    avformat_close_input(&format);
     return out;
 }
 
