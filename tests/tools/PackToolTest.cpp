@@ -654,11 +654,9 @@ TEST_F(PackToolTest, CheckListsEveryProblemOfAShowAtOnce) {
               source_.string() + ": error: No demo.ini in show directory: " + source_.string() + "\n" +
                   source_.string() + ": 1 error, 0 warnings\n");
 
-#ifdef BRISVALE_SHOW_DEMO_DAT
     const Result defaultShow = pack(scratch_, {"--check", BRISVALE_SHOW_DEMO_DAT});
     EXPECT_EQ(defaultShow.status, 0) << defaultShow.out;
     EXPECT_EQ(defaultShow.out, std::string(BRISVALE_SHOW_DEMO_DAT) + ": no problems found\n");
-#endif
 }
 
 } // namespace
