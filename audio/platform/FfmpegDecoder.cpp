@@ -3,7 +3,14 @@
 // deliver interleaved float32 or s16 frames at the file's own rate and channel count, the exact
 // length in frames (from the container, else counted), and sample-exact seeking.
 //
-// Sections: [LOG] [READER] [TAGS] [DECODER] [LENGTH] [READ] [COUNT] [SEEK]
+// [SECTION] Log
+// [SECTION] Reader
+// [SECTION] Tags
+// [SECTION] Decoder
+// [SECTION] Length
+// [SECTION] Read
+// [SECTION] Count
+// [SECTION] Seek
 
 #include "audio/platform/Decoder.h"
 
@@ -32,7 +39,10 @@ namespace pelora::gamedev::core {
 namespace platform {
 namespace {
 
-// [LOG] FFmpeg's own complaints follow the library's logging switch: errors only, and only
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Log
+// ---------------------------------------------------------------------------------------------
+// FFmpeg's own complaints follow the library's logging switch: errors only, and only
 // while logging is on. Installed once per process.
 void ffmpegLog(void*, int level, const char* format, va_list args) {
     if (level > AV_LOG_ERROR || !audio_internal_error_reporting.load(std::memory_order_relaxed)) {
@@ -53,7 +63,10 @@ constexpr const char* kFileUrlPrefix = "file:";
 
 } // namespace
 
-// [READER]
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Reader
+// ---------------------------------------------------------------------------------------------
+
 // A file descriptor closed with its owner.
 struct FileDescriptor {
     int fd = -1;
@@ -294,7 +307,10 @@ void containerClose(ContainerReader* reader) noexcept {
     std::unique_ptr<ContainerReader> owned(reader);
 }
 
-// [TAGS]
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Tags
+// ---------------------------------------------------------------------------------------------
+
 namespace {
 
 const char* findTag(const ContainerReader& r, const char* key) {
@@ -381,7 +397,10 @@ Status containerGetAlbumArtwork(ContainerReader* reader, std::vector<uint8_t>* a
 
 } // namespace platform
 
-// [DECODER]
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Decoder
+// ---------------------------------------------------------------------------------------------
+
 struct audio_decoder {
     std::unique_ptr<platform::ContainerReader> reader;
     ffmpeg::CodecContext codec;
@@ -479,7 +498,10 @@ bool lameDelayAndPadding(AVIOContext* io, int64_t* delay, int64_t* padding) {
 // place a frame exactly.
 bool millisecondTimestamps(const AVInputFormat* format) { return std::strcmp(format->name, "matroska,webm") == 0; }
 
-// [LENGTH] The length in frames where the container states it, equal to the frames decoded:
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Length
+// ---------------------------------------------------------------------------------------------
+// The length in frames where the container states it, equal to the frames decoded:
 // WAV/AIFF (data size), FLAC (STREAMINFO), Ogg (last granule, less the Opus pre-skip),
 // MP4 (edit list, so AAC priming is already left out), MP3 with a Xing/LAME header (its frame
 // count less the encoder delay and padding of the LAME tag). Raw streams (ADTS, MP3 without a
@@ -678,7 +700,10 @@ Status rewind(audio_decoder& d) {
     return 0;
 }
 
-// [READ] The codec's next frame into `frame`: 0, AVERROR_EOF once everything has come out, or
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Read
+// ---------------------------------------------------------------------------------------------
+// The codec's next frame into `frame`: 0, AVERROR_EOF once everything has come out, or
 // a failure. Feeds packets of the audio stream as the codec asks for them.
 int receiveFrame(audio_decoder& d, AVFrame* frame) {
     if (d.heldValid) {
@@ -846,7 +871,10 @@ Status decoderGetFileDataFormat(audio_decoder* d, AudioStreamBasicDescription* f
     return 0;
 }
 
-// [COUNT] Where the container states no length, it is counted once, on a second reader over the
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Count
+// ---------------------------------------------------------------------------------------------
+// Where the container states no length, it is counted once, on a second reader over the
 // same bytes, so that the decoder that plays stays where it is. Codecs whose packets state their
 // frames are counted packet by packet without decoding (less the start and end trims the stream
 // declares, as the codec applies them); the others are decoded, through the same steps as
@@ -1109,7 +1137,10 @@ Status decoderRead(audio_decoder* d, uint32_t* frames, void* destination, uint32
     return 0;
 }
 
-// [SEEK] Demuxer seek to a little before the target (codecs need a run-up to settle), then
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Seek
+// ---------------------------------------------------------------------------------------------
+// Demuxer seek to a little before the target (codecs need a run-up to settle), then
 // decode and drop frames up to it. Where timestamps after a seek cannot be trusted, the target
 // is reached by decoding: onwards from where the decoder stands, or again from the start.
 Status decoderSeek(audio_decoder* d, int64_t frame) noexcept {

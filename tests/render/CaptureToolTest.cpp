@@ -1,6 +1,13 @@
 // brisvale-capture run as a program on lavapipe: PNG files of the right size and content, video
 // files read back with libavformat (frames against the PNG capture, music against the song),
 // Ctrl+C, and one clear line with a non-zero exit on errors.
+//
+// [SECTION] Running the tool
+// [SECTION] A video file read back with libavformat
+// [SECTION] Shows to capture
+// [SECTION] PNG captures
+// [SECTION] Refusals
+// [SECTION] Videos
 
 #include "RenderTestSupport.h"
 #include "content/AtomicFile.h"
@@ -24,6 +31,10 @@ namespace brisvale::testing {
 namespace {
 
 namespace ffmpeg = pelora::gamedev::core::ffmpeg;
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Running the tool
+// ---------------------------------------------------------------------------------------------
 
 struct RunResult {
     int status = -1;
@@ -64,7 +75,9 @@ RunningCapture startCapture(const std::string& arguments) {
     return {pid, fdopen(pipeEnds[0], "r")};
 }
 
-// ---- A video file read back with libavformat ----
+// ---------------------------------------------------------------------------------------------
+// [SECTION] A video file read back with libavformat
+// ---------------------------------------------------------------------------------------------
 
 struct DecodedVideo {
     std::string videoCodec, audioCodec;
@@ -169,6 +182,10 @@ double snr(const std::vector<float>& got, const std::vector<float>& wanted, int 
     return 10.0 * std::log10(signal / std::max(noise, 1e-12));
 }
 
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Shows to capture
+// ---------------------------------------------------------------------------------------------
+
 // A picture that moves: a frame off in time differs by far more than the encoder's loss. It
 // asks for a vertex pool that grows with time and turns grey while the pool is too small, so a
 // frame not drawn again after the pool grew shows too.
@@ -260,6 +277,10 @@ protected:
     const std::vector<std::int16_t> music_ = brisvale::test::makeSignal(kMusicRate, 2, kMusicRate);
 };
 
+// ---------------------------------------------------------------------------------------------
+// [SECTION] PNG captures
+// ---------------------------------------------------------------------------------------------
+
 TEST_F(CaptureTool, WritesOnePngPerTimeAtTheRequestedSize) {
     const std::string archive = writeShow({});
     const std::string out = dir_.file("out");
@@ -297,6 +318,10 @@ TEST_F(CaptureTool, ARangeWritesANumberedSequenceAtTheShowsDefaultSize) {
     }
     EXPECT_FALSE(std::filesystem::exists(out + "/frame-00003.png"));
 }
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Refusals
+// ---------------------------------------------------------------------------------------------
 
 TEST_F(CaptureTool, ContentErrorsNameTheShowAndTheFile) {
     ShowFiles files;
@@ -350,6 +375,10 @@ TEST_F(CaptureTool, BadArgumentsAndMissingArchivesFail) {
     EXPECT_EQ(run.status, 1);
     EXPECT_EQ(run.output, "brisvale-capture: Failed to open demo archive: " + dir_.file("absent.dat") + "\n");
 }
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Videos
+// ---------------------------------------------------------------------------------------------
 
 // From 0.5 s to 2.5 s at 10 fps: 20 frames, half a second of music, then the silent tail.
 TEST_F(CaptureTool, AVideoHoldsTheSpansFramesAndMusicInStep) {
