@@ -43,6 +43,8 @@ public:
 
 private:
     static constexpr std::size_t kMaxWrites = 8;
+    // The next write of the batch, its resource still to be filled in.
+    VkWriteDescriptorSet& nextWrite(std::uint32_t binding, VkDescriptorType type);
     Device& device_;
     VkDescriptorSet set_;
     std::array<VkWriteDescriptorSet, kMaxWrites> writes_{};
