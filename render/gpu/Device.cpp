@@ -317,7 +317,7 @@ Device::Allocation Device::allocate(const VkMemoryRequirements& requirements, Vk
                                     VkMemoryPropertyFlags preferred) const {
     const std::optional<std::uint32_t> type = findMemoryType(requirements.memoryTypeBits, required, preferred);
     if (!type) throw Error("No memory type of the device has the properties asked for");
-    // lavapipe has been seen to crash on allocations beyond its limit rather than refuse them.
+    // The device promises nothing above this size: refused before the driver sees it.
     if (requirements.size > maxAllocationSize_)
         throw Error("An allocation of " + std::to_string(requirements.size) + " bytes is beyond the device's largest");
     VkMemoryAllocateInfo info{};
