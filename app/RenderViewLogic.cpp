@@ -78,6 +78,8 @@ void RenderViewLogic::drawFrame() {
     }
     ++counters_.drawn;
     counters_.frameCpu += threadCpuTime() - cpuAtStart;
+    counters_.lastDrawnAt = std::chrono::steady_clock::now();
+    if (counters_.drawn == 1) counters_.firstDrawnAt = counters_.lastDrawnAt;
     if (showHasEnded(frame.timeSeconds, renderEndSeconds_)) {
         terminateApplication();
     }

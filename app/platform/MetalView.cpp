@@ -83,6 +83,12 @@ MetalView::MetalView(ViewFrame frame, SDL_Window* hostWindow, MainThreadQueue& m
         renderer_ = std::unique_ptr<Renderer, RendererRelease>(
             new Renderer(_device.get(), _metalLayer.get(), archive_, manifest_, std::move(postToMain)),
             RendererRelease{_device, _metalLayer});
+        // Without arguments the scale stays 1: the renderer draws at the drawable's size exactly.
+        if (options.renderScale.automatic) {
+            dynamicResolution_ = std::make_unique<DynamicResolution>();
+        } else {
+            renderer_->setRenderScale(options.renderScale.fixed);
+        }
 
         // No window yet: the main screen's scale applies.
         updateDrawableSize();
@@ -172,7 +178,10 @@ bool MetalView::hasRenderer() const { return renderer_ != nullptr; }
 
 void MetalView::resizeRenderer(SurfaceSize size) { renderer_->resize(size); }
 
-void MetalView::drawWithRenderer(const FrameInfo& frame) { renderer_->draw(frame); }
+void MetalView::drawWithRenderer(const FrameInfo& frame) {
+    renderer_->draw(frame);
+    if (dynamicResolution_) renderer_->setRenderScale(dynamicResolution_->frameDrawn(renderer_->lastFrameGpuSeconds()));
+}
 
 // ---------------------------------------------------------------------------------------------
 // Music
@@ -214,8 +223,9 @@ void MetalView::startDisplayTimer() {
     const int reportedHz = SDL_GetCurrentDisplayMode(display < 0 ? 0 : display, &mode) == 0 ? mode.refresh_rate : 0;
     // The timer's thread reaches the view by address; the view stops it before anything the tick
     // touches is destroyed.
-    displayLink_ = std::make_unique<DisplayTimer>(DisplayTimer::refreshRateOr60(reportedHz),
-                                                  [this] { scheduleDrawFrame(); });
+    const double refreshHz = DisplayTimer::refreshRateOr60(reportedHz);
+    if (dynamicResolution_) dynamicResolution_->setFrameInterval(1.0 / refreshHz);
+    displayLink_ = std::make_unique<DisplayTimer>(refreshHz, [this] { scheduleDrawFrame(); });
     displayLink_->start();
 }
 
