@@ -26,10 +26,6 @@ void Renderer::setRenderScale(float scale) {
     impl_->setRenderScale(scale);
 }
 
-float Renderer::renderScale() const {
-    return impl_->renderScale;
-}
-
 std::shared_ptr<Renderer::PreparedShaders> Renderer::prepareShaders(const DemoArchive& archive,
                                                                     std::string_view shaderPath) const {
     return impl_->prepareShaders(archive, shaderPath);

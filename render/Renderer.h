@@ -46,7 +46,6 @@ public:
     // filtering; the shaders' resolution is then the size rendered. At 1, the default, frames are
     // drawn at the drawable's own size exactly as without it.
     void setRenderScale(float scale);
-    float renderScale() const;
 
     // Compiled stages with their pipelines, and a decoded, uploaded image array: opaque, made by
     // this renderer for this renderer.

@@ -84,11 +84,8 @@ MetalView::MetalView(ViewFrame frame, SDL_Window* hostWindow, MainThreadQueue& m
             new Renderer(_device.get(), _metalLayer.get(), archive_, manifest_, std::move(postToMain)),
             RendererRelease{_device, _metalLayer});
         // Without arguments the scale stays 1: the renderer draws at the drawable's size exactly.
-        if (options.renderScale.automatic) {
-            dynamicResolution_ = std::make_unique<DynamicResolution>();
-        } else {
-            renderer_->setRenderScale(options.renderScale.fixed);
-        }
+        if (options.renderScale.automatic) dynamicResolution_ = std::make_unique<DynamicResolution>();
+        renderer_->setRenderScale(dynamicResolution_ ? dynamicResolution_->scale() : options.renderScale.fixed);
 
         // No window yet: the main screen's scale applies.
         updateDrawableSize();
@@ -180,7 +177,10 @@ void MetalView::resizeRenderer(SurfaceSize size) { renderer_->resize(size); }
 
 void MetalView::drawWithRenderer(const FrameInfo& frame) {
     renderer_->draw(frame);
-    if (dynamicResolution_) renderer_->setRenderScale(dynamicResolution_->frameDrawn(renderer_->lastFrameGpuSeconds()));
+    // --scale auto: the next frame's scale, from the GPU time of the latest completed frame.
+    if (dynamicResolution_) {
+        renderer_->setRenderScale(dynamicResolution_->frameDrawn(renderer_->lastFrameGpuSeconds()));
+    }
 }
 
 // ---------------------------------------------------------------------------------------------
