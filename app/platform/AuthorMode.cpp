@@ -92,6 +92,10 @@ AuthorMode::~AuthorMode() = default;
 
 void AuthorMode::keyDown(const KeyPress& key) {
     const AuthorCommand command = authorCommandFor(key);
+    // A step while playing does nothing, so it has nothing to report.
+    const bool moves = transport_.started() &&
+                       (command.action == AuthorAction::Move || command.action == AuthorAction::GoToStart ||
+                        (command.action == AuthorAction::StepFrames && transport_.paused()));
     switch (command.action) {
     case AuthorAction::None:
         return;
@@ -112,10 +116,10 @@ void AuthorMode::keyDown(const KeyPress& key) {
         transport_.goToStart();
         break;
     }
-    if (timings_ && command.action != AuthorAction::TogglePause) {
+    if (timings_ && moves) {
         char subject[64];
         std::snprintf(subject, sizeof subject, "Moved to %.3f s", transport_.timeSeconds());
-        moveReport_ = {true, Clock::now(), subject};
+        moveReport_ = {true, Clock::now(), subject, {}, host_.displayTicks(), {}, {}};
     }
     updateStatus();
 }
@@ -123,12 +127,25 @@ void AuthorMode::keyDown(const KeyPress& key) {
 void AuthorMode::frameDrawn() {
     if (reloadReport_.waiting) {
         reloadReport_.waiting = false;
-        std::fprintf(stderr, "%s in %.0f ms\n", reloadReport_.subject.c_str(), millisecondsSince(reloadReport_.since));
+        if (timings_) {
+            const auto ms = [](Clock::time_point from, Clock::time_point to) {
+                return std::chrono::duration<double, std::milli>(to - from).count();
+            };
+            std::fprintf(stderr, "%s in %.0f ms (%s, installed %.0f ms later, drawn %.0f ms after that)\n",
+                         reloadReport_.subject.c_str(), millisecondsSince(reloadReport_.since),
+                         reloadReport_.detail.c_str(), ms(reloadReport_.postedAt, reloadReport_.installedAt),
+                         millisecondsSince(reloadReport_.installedAt));
+        } else {
+            std::fprintf(stderr, "%s in %.0f ms\n", reloadReport_.subject.c_str(),
+                         millisecondsSince(reloadReport_.since));
+        }
     }
     if (moveReport_.waiting) {
         moveReport_.waiting = false;
-        std::fprintf(stderr, "%s: key to frame %.1f ms\n", moveReport_.subject.c_str(),
-                     millisecondsSince(moveReport_.since));
+        const std::uint64_t ticks = host_.displayTicks() - moveReport_.ticks;
+        std::fprintf(stderr, "%s: key to frame %.1f ms, %llu display tick%s\n", moveReport_.subject.c_str(),
+                     millisecondsSince(moveReport_.since), static_cast<unsigned long long>(ticks),
+                     ticks == 1 ? "" : "s");
     }
 }
 
@@ -140,6 +157,7 @@ void AuthorMode::frameDrawn() {
 void AuthorMode::directoryChanged(Clock::time_point changedAt) {
     Reload reload;
     reload.changedAt = changedAt;
+    reload.readAt = Clock::now();
     std::shared_ptr<DemoArchive> archive;
     try {
         archive = loadShow(showPath_);
@@ -163,6 +181,7 @@ void AuthorMode::directoryChanged(Clock::time_point changedAt) {
     }
     readFailed_ = false;
     reload.files = describeFiles(plan.files);
+    reload.comparedAt = Clock::now();
     const auto onDisk = [&](const char* message) {
         return withFilesOnDisk(message, showPath_, [&](std::string_view path) { return archive->contains(path); });
     };
@@ -203,6 +222,7 @@ void AuthorMode::directoryChanged(Clock::time_point changedAt) {
     }
     // From here the archive is the main thread's (an archive takes one caller at a time).
     archive.reset();
+    reload.preparedAt = Clock::now();
     mainQueue_.post([this, reload = std::move(reload)] { apply(reload); });
 }
 
@@ -241,7 +261,17 @@ void AuthorMode::apply(const Reload& reload) {
         setError(ImagePart, reload.imageError);
     }
     if (installed) {
-        reloadReport_ = {true, reload.changedAt, "Reloaded " + reload.files};
+        reloadReport_ = {true, reload.changedAt, "Reloaded " + reload.files, {}, 0, reload.preparedAt, Clock::now()};
+        if (timings_) {
+            const auto ms = [](Clock::time_point from, Clock::time_point to) {
+                return std::chrono::duration<double, std::milli>(to - from).count();
+            };
+            char detail[128];
+            std::snprintf(detail, sizeof detail, "waited %.0f ms, read %.0f ms, prepared %.0f ms",
+                          ms(reload.changedAt, reload.readAt), ms(reload.readAt, reload.comparedAt),
+                          ms(reload.comparedAt, reload.preparedAt));
+            reloadReport_.detail = detail;
+        }
     }
     updateOverlay();
 }

@@ -44,6 +44,7 @@ public:
     virtual float musicEndSeconds() const = 0;
     virtual void setWindowTitle(const std::string& title) = 0;
     virtual std::uint64_t framesDrawn() const = 0;
+    virtual std::uint64_t displayTicks() const = 0;
 
 protected:
     ~AuthorModeHost() = default;
@@ -74,6 +75,10 @@ private:
     // neither a result nor an error.
     struct Reload {
         Clock::time_point changedAt;               // the change's last event
+        // For --timings: reading the directory began, comparing it ended, preparing ended.
+        Clock::time_point readAt;
+        Clock::time_point comparedAt;
+        Clock::time_point preparedAt;
         std::optional<std::string> readError;       // the directory could not be read
         std::shared_ptr<const DemoArchive> archive; // the whole show again: archive and manifest
         DemoManifest manifest;
@@ -91,6 +96,10 @@ private:
         bool waiting = false;
         Clock::time_point since;
         std::string subject;  // what happened: "Reloaded shaders/main.glsl", "Moved to 12.000 s"
+        std::string detail;   // --timings: where the time went before the main thread had it
+        std::uint64_t ticks = 0;  // display ticks when it happened
+        Clock::time_point postedAt;     // a reload: handed to the main thread
+        Clock::time_point installedAt;  // and installed there
     };
 
     void directoryChanged(Clock::time_point changedAt);  // the watcher's thread

@@ -95,6 +95,7 @@ private:
     float musicEndSeconds() const override { return renderEndSeconds(); }
     void setWindowTitle(const std::string& title) override;
     std::uint64_t framesDrawn() const override { return counters().drawn; }
+    std::uint64_t displayTicks() const override { return counters().ticks.load(); }
 
     // The renderer keeps its device and surface alive as long as it lives, as a GPU renderer
     // holds strong references to them: the view may release its own references first.
