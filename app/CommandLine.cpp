@@ -57,7 +57,8 @@ constexpr OptionEntry kOptions[] = {
      [](PlayerOptions& o, const std::string&) { o.framePumpStats = true; }},
     {"--timings", "",
      "author mode: after each move through the show's time, print how\n"
-     "long it took from the key to the first frame drawn at the new time",
+     "long it took from the key to the first frame drawn at the new time,\n"
+     "and with each reload where its time went",
      [](PlayerOptions& o, const std::string&) { o.timings = true; }},
     {"--help", "", "print this help and exit", [](PlayerOptions& o, const std::string&) { o.help = true; }},
     {"--version", "", "print the version and exit", [](PlayerOptions& o, const std::string&) { o.version = true; }},
@@ -171,9 +172,9 @@ std::string helpText() {
         "  Escape, Ctrl+Q        quit\n"
         "  f, Ctrl+Return        toggle full screen\n"
         "\n"
-        "Author mode (SHOW is a directory): the show is played again live as its files\n"
-        "change, errors name the file and line and stay over the picture until fixed, and\n"
-        "the show holds its last frame at the end instead of quitting.\n"
+        "Author mode (SHOW is a directory): each file saved is taken up while the show\n"
+        "plays; an error names the file and line and stays over the picture until it is\n"
+        "fixed; at its end the show holds its last frame instead of quitting.\n"
         "  Space                 pause or resume picture and music\n"
         "  Left, Right           5 seconds back or on (with Shift: 1 second)\n"
         "  comma, period         one frame back or on, while paused\n"

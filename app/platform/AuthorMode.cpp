@@ -164,7 +164,7 @@ void AuthorMode::directoryChanged(Clock::time_point changedAt) {
     } catch (const std::exception& e) {
         readFailed_ = true;
         reload.readError = e.what();
-        mainQueue_.post([this, reload] { apply(reload); });
+        hand(std::move(reload));
         return;
     }
     ShowFingerprints fingerprints = fingerprintShow(*archive);
@@ -175,7 +175,7 @@ void AuthorMode::directoryChanged(Clock::time_point changedAt) {
         if (readFailed_) {
             // Readable again, and as the show was: only the read error goes.
             readFailed_ = false;
-            mainQueue_.post([this, reload] { apply(reload); });
+            hand(std::move(reload));
         }
         return;
     }
@@ -196,7 +196,7 @@ void AuthorMode::directoryChanged(Clock::time_point changedAt) {
         } catch (const std::exception& e) {
             files_.showFailed = true;
             reload.showError = onDisk(e.what());
-            mainQueue_.post([this, reload] { apply(reload); });
+            hand(std::move(reload));
             return;
         }
     }
@@ -223,11 +223,30 @@ void AuthorMode::directoryChanged(Clock::time_point changedAt) {
     // From here the archive is the main thread's (an archive takes one caller at a time).
     archive.reset();
     reload.preparedAt = Clock::now();
-    mainQueue_.post([this, reload = std::move(reload)] { apply(reload); });
+    hand(std::move(reload));
+}
+
+void AuthorMode::hand(Reload reload) {
+    {
+        std::lock_guard<std::mutex> guard(handedLock_);
+        handed_.push_back(std::move(reload));
+    }
+    mainQueue_.post([this] { applyHanded(); });
 }
 
 // ---------------------------------------------------------------------------------------------
 // [RELOAD: MAIN THREAD] Between two frames: the next frame draws with what is installed here.
+
+void AuthorMode::applyHanded() {
+    std::optional<Reload> reload;
+    {
+        std::lock_guard<std::mutex> guard(handedLock_);
+        if (handed_.empty()) return;
+        reload.emplace(std::move(handed_.front()));
+        handed_.pop_front();
+    }
+    apply(*reload);
+}
 
 void AuthorMode::apply(const Reload& reload) {
     setError(ReadPart, reload.readError);
@@ -293,12 +312,13 @@ void AuthorMode::updateOverlay() {
         if (!text.empty()) text += '\n';
         text += error;
     }
-    if (text == overlay_) return;
+    if (text == overlay_ || overlayFailed_) return;
     overlay_ = text;
     try {
         renderer_.setOverlayText(text);
     } catch (const std::exception& e) {
         // The picture goes on without text; stderr has every error already.
+        overlayFailed_ = true;
         std::fprintf(stderr, "%s\n", e.what());
     }
 }

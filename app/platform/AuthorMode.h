@@ -17,7 +17,9 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -103,7 +105,9 @@ private:
     };
 
     void directoryChanged(Clock::time_point changedAt);  // the watcher's thread
-    void apply(const Reload& reload);                    // main thread, from here on
+    void hand(Reload reload);                            // to the main thread
+    void applyHanded();                                  // main thread, from here on
+    void apply(const Reload& reload);
     void setError(Part part, std::optional<std::string> error, bool print = true);
     void updateOverlay();
     void updateStatus();
@@ -122,11 +126,19 @@ private:
     DemoManifest manifest_;
     bool readFailed_ = false;
 
+    // Results on their way to the main thread, in order. Kept here rather than in the queued
+    // tasks, so that what was prepared never outlives the renderer: tasks left in the queue at
+    // the end are dropped, this goes with author mode. Guards handed_: the watcher's thread
+    // appends, the main thread takes.
+    std::mutex handedLock_;
+    std::deque<Reload> handed_;
+
     // Main thread only.
     std::array<std::string, PartCount> errors_;
     bool statusVisible_ = false;
     std::string status_;
     std::string overlay_;
+    bool overlayFailed_ = false;
     PendingReport reloadReport_;
     PendingReport moveReport_;
     std::uint64_t framesAtStatus_ = 0;
