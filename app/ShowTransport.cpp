@@ -105,9 +105,8 @@ void ShowTransport::moveTo(double target) {
     }
     holdingEnd_ = false;
     const double time = syncedTime(target);
-    if (paused_) {
-        last_ = heldFrame(time);
-    } else {
+    last_ = heldFrame(time);
+    if (!paused_) {
         clock_.emplace(time);
     }
 }

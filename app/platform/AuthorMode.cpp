@@ -25,8 +25,12 @@ const char* phaseName(float t) {
     return "middle";
 }
 
+double milliseconds(std::chrono::steady_clock::time_point from, std::chrono::steady_clock::time_point to) {
+    return std::chrono::duration<double, std::milli>(to - from).count();
+}
+
 double millisecondsSince(std::chrono::steady_clock::time_point since) {
-    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - since).count();
+    return milliseconds(since, std::chrono::steady_clock::now());
 }
 
 // Every file the shader source reads, includes too; nullopt when it cannot be read.
@@ -128,12 +132,9 @@ void AuthorMode::frameDrawn() {
     if (reloadReport_.waiting) {
         reloadReport_.waiting = false;
         if (timings_) {
-            const auto ms = [](Clock::time_point from, Clock::time_point to) {
-                return std::chrono::duration<double, std::milli>(to - from).count();
-            };
             std::fprintf(stderr, "%s in %.0f ms (%s, installed %.0f ms later, drawn %.0f ms after that)\n",
                          reloadReport_.subject.c_str(), millisecondsSince(reloadReport_.since),
-                         reloadReport_.detail.c_str(), ms(reloadReport_.postedAt, reloadReport_.installedAt),
+                         reloadReport_.detail.c_str(), milliseconds(reloadReport_.postedAt, reloadReport_.installedAt),
                          millisecondsSince(reloadReport_.installedAt));
         } else {
             std::fprintf(stderr, "%s in %.0f ms\n", reloadReport_.subject.c_str(),
@@ -262,7 +263,9 @@ void AuthorMode::apply(const Reload& reload) {
         transport_.setFrameSeconds(1.0 / reload.manifest.defaultFps);
         transport_.musicReloaded(host_.musicDurationSeconds(), host_.musicEndSeconds());
         // The view has said why on stderr already.
-        setError(ShowPart, musicLoaded ? std::nullopt : std::optional<std::string>("Failed to load audio asset"), false);
+        const std::optional<std::string> musicError =
+            musicLoaded ? std::nullopt : std::optional<std::string>("Failed to load audio asset");
+        setError(ShowPart, musicError, false);
         installed = true;
     }
     if (reload.shaders) {
@@ -282,13 +285,10 @@ void AuthorMode::apply(const Reload& reload) {
     if (installed) {
         reloadReport_ = {true, reload.changedAt, "Reloaded " + reload.files, {}, 0, reload.preparedAt, Clock::now()};
         if (timings_) {
-            const auto ms = [](Clock::time_point from, Clock::time_point to) {
-                return std::chrono::duration<double, std::milli>(to - from).count();
-            };
             char detail[128];
             std::snprintf(detail, sizeof detail, "waited %.0f ms, read %.0f ms, prepared %.0f ms",
-                          ms(reload.changedAt, reload.readAt), ms(reload.readAt, reload.comparedAt),
-                          ms(reload.comparedAt, reload.preparedAt));
+                          milliseconds(reload.changedAt, reload.readAt), milliseconds(reload.readAt, reload.comparedAt),
+                          milliseconds(reload.comparedAt, reload.preparedAt));
             reloadReport_.detail = detail;
         }
     }

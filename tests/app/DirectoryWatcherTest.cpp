@@ -33,8 +33,9 @@ protected:
         fs::remove_all(root_, ec);
     }
     void watch() {
-        watcher_ = std::make_unique<DirectoryWatcher>(root_, [this](DirectoryWatcher::Clock::time_point) { ++changes_; },
-                                                      [](std::string_view) { ADD_FAILURE() << "a watcher problem"; });
+        watcher_ = std::make_unique<DirectoryWatcher>(
+            root_, [this](DirectoryWatcher::Clock::time_point) { ++changes_; },
+            [](std::string_view) { ADD_FAILURE() << "a watcher problem"; });
     }
     // Waits until `count` changes were seen, then a while longer for any that should not come.
     int changesAfter(int count) {

@@ -182,7 +182,7 @@ TEST_F(PlayerE2E, AOneSecondShowGoesFullScreenRendersAndEndsByItself) {
     EXPECT_GE(afterFullScreen, 4.75 - 0.5);
     EXPECT_LE(afterFullScreen, 4.75 + 2.5) << "on a machine this loaded the margin may be too small";
     EXPECT_EQ(run.stderrText(), "");
-    EXPECT_FALSE(fs::exists(bundle.dir() / "cache" / "brisvale")) << "the player without arguments kept a pipeline cache";
+    EXPECT_FALSE(fs::exists(bundle.dir() / "cache" / "brisvale")) << "a player without arguments kept a cache";
 }
 
 // A desktop with panels, tiling or scaling grants full screen at a size other than the display's,
@@ -626,7 +626,8 @@ TEST_F(AuthorMode, AShowDirectoryPlaysLiveThroughEditsAndMovesThroughTime) {
     const auto refusedStatus = refused.process.waitFor(20s);
     ASSERT_TRUE(refusedStatus);
     EXPECT_EQ(*refusedStatus, 1);
-    EXPECT_EQ(refused.stderrText(), "Launch failed: No demo.ini in show directory: " + (bundle.dir() / "empty").string() + "\n");
+    EXPECT_EQ(refused.stderrText(),
+              "Launch failed: No demo.ini in show directory: " + (bundle.dir() / "empty").string() + "\n");
 
     const fs::path show = bundle.dir() / "show";
     fs::create_directories(show / "shaders");
@@ -689,7 +690,9 @@ TEST_F(AuthorMode, AShowDirectoryPlaysLiveThroughEditsAndMovesThroughTime) {
     fs::remove(show / "shaders/version.glsl");
     EXPECT_TRUE(stderrSays(run, "Missing file in demo archive: shaders/version.glsl")) << run.stderrText();
     std::vector<std::uint8_t> binary(20 << 20);
-    for (std::size_t i = 0; i < binary.size(); ++i) binary[i] = static_cast<std::uint8_t>(1 + (i * 2654435761u >> 7) % 255);
+    for (std::size_t i = 0; i < binary.size(); ++i) {
+        binary[i] = static_cast<std::uint8_t>(1 + (i * 2654435761u >> 7) % 255);  // no NUL: the decoder reads it all
+    }
     saveLikeAnEditor(show / "shaders/version.glsl", binary);
     EXPECT_TRUE(stderrSays(run, "Failed to decode Metal shader source: shaders/version.glsl")) << run.stderrText();
     expectNear(look().version, 0, 204, 0);
