@@ -91,6 +91,6 @@ measure() {
 }
 
 measure "small shader" "$work/small" shaders/phases.glsl \
-  "outColour = vec4(1.0, 1.0, 0.0, 1.0);" "outColour = vec4(1.0, 1.0, 0.0@, 1.0);" 0
+  "outColour = vec4(1.0, 1.0, 0.0, 1.0);" "outColour = vec4(1.0, 1.0, 0.0@, 1.0);" 12
 measure "default show" "$work/default" shaders/main.glsl \
   "clamp(picture + dither, 0.0, 1.0)" "clamp(picture * 1.0@ + dither, 0.0, 1.0)" 12 --start 30
