@@ -1,3 +1,8 @@
+// Author mode: time control through the keys, live reload (the watcher's thread reads and
+// prepares, the main thread installs), the errors and reports the author reads, the status line.
+//
+// Sections: [SET-UP] [KEYS] [RELOAD: WATCHER THREAD] [RELOAD: MAIN THREAD] [STATUS]
+
 #include "app/platform/AuthorMode.h"
 
 #include <cstdio>
