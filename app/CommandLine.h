@@ -40,6 +40,7 @@ struct PlayerOptions {
     double startSeconds = 0.0;    // --start: the show clock's time at the show's start
     bool validation = false;      // --validation: the Vulkan validation layer and our messenger
     bool framePumpStats = false;  // --frame-pump-stats: the counters line at exit
+    bool timings = false;         // --timings: author mode reports how long each move took
 
     // True when the player was given any argument: author's-tool features may apply.
     bool withArguments = false;
