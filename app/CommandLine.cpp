@@ -78,6 +78,11 @@ constexpr OptionEntry kOptions[] = {
      "queued and drawn, main-thread processor time per frame, frames per\n"
      "second, and the render scales of --scale auto",
      [](PlayerOptions& o, const std::string&) { o.framePumpStats = true; }},
+    {"--timings", "",
+     "author mode: after each move through the show's time, print how\n"
+     "long it took from the key to the first frame drawn at the new time,\n"
+     "and with each reload where its time went",
+     [](PlayerOptions& o, const std::string&) { o.timings = true; }},
     {"--help", "", "print this help and exit", [](PlayerOptions& o, const std::string&) { o.help = true; }},
     {"--version", "", "print the version and exit", [](PlayerOptions& o, const std::string&) { o.version = true; }},
 };
@@ -191,6 +196,15 @@ std::string helpText() {
         "Keys:\n"
         "  Escape, Ctrl+Q        quit\n"
         "  f, Ctrl+Return        toggle full screen\n"
+        "\n"
+        "Author mode (SHOW is a directory): each file saved is taken up while the show\n"
+        "plays; an error names the file and line and stays over the picture until it is\n"
+        "fixed; at its end the show holds its last frame instead of quitting.\n"
+        "  Space                 pause or resume picture and music\n"
+        "  Left, Right           5 seconds back or on (with Shift: 1 second)\n"
+        "  comma, period         one frame back or on, while paused\n"
+        "  Home                  back to the beginning\n"
+        "  h                     show or hide the status line\n"
         "\n"
         "Exit status:\n"
         "  0                     the show ended, or it was quit\n"

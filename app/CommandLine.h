@@ -48,6 +48,7 @@ struct PlayerOptions {
     bool framePumpStats = false;  // --frame-pump-stats: the counters line at exit
     // --scale; automatic whenever the player has any argument, exact without one.
     RenderScale renderScale;
+    bool timings = false;         // --timings: author mode reports how long each move took
 
     // True when the player was given any argument: author's-tool features may apply.
     bool withArguments = false;

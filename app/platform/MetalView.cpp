@@ -9,6 +9,7 @@
 #include "app/BundleResource.h"
 #include "app/platform/SystemLog.h"
 #include "content/ShowSource.h"
+#include "render/PipelineCacheFile.h"
 #include "render/gpu/WindowSurface.h"
 
 namespace brisvale {
@@ -80,8 +81,15 @@ MetalView::MetalView(ViewFrame frame, SDL_Window* hostWindow, MainThreadQueue& m
         MainThreadPoster postToMain = [&queue = mainQueue_](std::function<void()> task) {
             queue.post(std::move(task));
         };
+        // Compiled pipelines are kept between runs for the author's tools only: the player
+        // started without arguments writes no file of the user's.
+        std::optional<std::filesystem::path> pipelineCache;
+        if (options.withArguments) {
+            pipelineCache = userPipelineCacheDirectory();
+        }
         renderer_ = std::unique_ptr<Renderer, RendererRelease>(
-            new Renderer(_device.get(), _metalLayer.get(), archive_, manifest_, std::move(postToMain)),
+            new Renderer(_device.get(), _metalLayer.get(), archive_, manifest_, std::move(postToMain),
+                         std::move(pipelineCache)),
             RendererRelease{_device, _metalLayer});
         // Without arguments the scale stays 1: the renderer draws at the drawable's size exactly.
         if (options.renderScale.automatic) dynamicResolution_ = std::make_unique<DynamicResolution>();
@@ -89,6 +97,13 @@ MetalView::MetalView(ViewFrame frame, SDL_Window* hostWindow, MainThreadQueue& m
 
         // No window yet: the main screen's scale applies.
         updateDrawableSize();
+
+        // Last: nothing after it may fail, and it starts watching the show directory.
+        if (options.showKind == ShowKind::Directory) {
+            AuthorModeHost& host = *this;
+            author_ = std::make_unique<AuthorMode>(host, *renderer_, mainQueue_, options, *archive_, manifest_);
+            setTimeControl(&author_->transport());
+        }
     } catch (...) {
         // The partly built view tears down as the error leaves: nothing of stage B exists yet.
         tearDown();
@@ -158,8 +173,11 @@ void MetalView::toggleWindowFullScreen() {
     }
 }
 
-void MetalView::passKeyOn(const KeyPress&) {
-    // Nothing lies behind the view in the responder chain; the menu has already seen the key.
+void MetalView::passKeyOn(const KeyPress& key) {
+    // Behind the view only author mode's keys; the menu has already seen the key.
+    if (author_) {
+        author_->keyDown(key);
+    }
 }
 
 void MetalView::hideSystemCursor() { SDL_ShowCursor(SDL_DISABLE); }
@@ -180,6 +198,9 @@ void MetalView::drawWithRenderer(const FrameInfo& frame) {
     // --scale auto: the next frame's scale, from the GPU time of the latest completed frame.
     if (dynamicResolution_) {
         renderer_->setRenderScale(dynamicResolution_->frameDrawn(renderer_->lastFrameGpuSeconds()));
+    }
+    if (author_) {
+        author_->frameDrawn();
     }
 }
 
@@ -213,6 +234,32 @@ void MetalView::destroyPlayer() {
 }
 
 void MetalView::destroySong() { audio::audio_song_destroy(&audioSong_); }
+
+// ---------------------------------------------------------------------------------------------
+// Author mode
+
+bool MetalView::pauseMusic() { return audio::audio_player_pause(audioPlayer_) == 0; }
+
+bool MetalView::resumeMusic() { return audio::audio_player_resume(audioPlayer_) == 0; }
+
+bool MetalView::seekMusic(double seconds) { return audio::audio_player_seek(audioPlayer_, seconds) == 0; }
+
+double MetalView::musicSeconds() { return audio::audio_player_get_time(audioPlayer_); }
+
+bool MetalView::musicDone() { return audio::audio_player_is_done(audioPlayer_); }
+
+bool MetalView::adoptShow(std::shared_ptr<const DemoArchive> archive, const DemoManifest& manifest) {
+    archive_ = std::move(archive);
+    manifest_ = manifest;
+    // Before the show starts, stage B loads the music from these.
+    return isRenderingStarted() ? reloadMusic() : true;
+}
+
+void MetalView::setWindowTitle(const std::string& title) {
+    if (window_ != nullptr) {
+        SDL_SetWindowTitle(window_, title.c_str());
+    }
+}
 
 // ---------------------------------------------------------------------------------------------
 // Display timer

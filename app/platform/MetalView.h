@@ -16,6 +16,7 @@
 #include "app/DynamicResolution.h"
 #include "app/MainThreadQueue.h"
 #include "app/RenderViewLogic.h"
+#include "app/platform/AuthorMode.h"
 #include "audio/audio.h"
 #include "content/DemoArchive.h"
 #include "content/DemoManifest.h"
@@ -33,7 +34,7 @@ struct ViewFrame {
     double height = 0.0;
 };
 
-class MetalView final : public RenderViewLogic {
+class MetalView final : public RenderViewLogic, private AuthorModeHost {
 public:
     // Stage A of the launch: GPU device and surface, the show (demo.dat from the bundle, or SHOW
     // from the command line), demo.ini, renderer, first drawable size. `hostWindow` is the
@@ -86,6 +87,19 @@ protected:
     void stopAndReleaseDisplayTimer() override;
 
 private:
+    // Author mode's music transport and view (a show directory only).
+    bool pauseMusic() override;
+    bool resumeMusic() override;
+    bool seekMusic(double seconds) override;
+    double musicSeconds() override;
+    bool musicDone() override;
+    bool adoptShow(std::shared_ptr<const DemoArchive> archive, const DemoManifest& manifest) override;
+    float musicDurationSeconds() const override { return showDurationSeconds(); }
+    float musicEndSeconds() const override { return renderEndSeconds(); }
+    void setWindowTitle(const std::string& title) override;
+    std::uint64_t framesDrawn() const override { return counters().drawn; }
+    std::uint64_t displayTicks() const override { return counters().ticks.load(); }
+
     // The renderer keeps its device and surface alive as long as it lives, as a GPU renderer
     // holds strong references to them: the view may release its own references first.
     struct RendererRelease {
@@ -113,6 +127,8 @@ private:
     pelora::gamedev::core::audio_player* audioPlayer_ = nullptr;
     std::shared_ptr<gpu::Device> _device;
     std::shared_ptr<gpu::Surface> _metalLayer;
+    // Author mode, when SHOW is a directory. Goes first: its watcher's thread uses the renderer.
+    std::unique_ptr<AuthorMode> author_;
 };
 
 } // namespace brisvale

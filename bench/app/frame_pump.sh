@@ -35,6 +35,7 @@ run() {
 }
 # A small screen: the full-screen window is small, the drawable stays 1920 x 1080.
 export bundle seconds options
-SDL_AUDIODRIVER=dummy \
+# With an argument the player keeps a pipeline cache: in the scratch folder, not the user's.
+SDL_AUDIODRIVER=dummy XDG_CACHE_HOME="$bundle/cache" \
   VK_ICD_FILENAMES=/usr/share/vulkan/icd.d/lvp_icd.x86_64.json \
   xvfb-run -a -s "-screen 0 640x360x24" bash -c "$(declare -f run); run"

@@ -166,5 +166,13 @@ TEST(CommandLine, EveryOptionTheHelpDescribesIsTakenAndInTheUsageLine) {
     EXPECT_GE(described, 6);
 }
 
+TEST(CommandLine, TimingsIsAnAuthorModeSwitchOfItsOwn) {
+    EXPECT_FALSE(parse({"shows/dir"}).timings);
+    const PlayerOptions timed = parse({"--timings", "shows/dir"});
+    EXPECT_TRUE(timed.timings);
+    EXPECT_EQ(fieldsOf(timed),
+              "show 2 'shows/dir' windowed 1 start 0 validation 0 stats 0 help 0 version 0 arguments 1");
+}
+
 } // namespace
 } // namespace brisvale
