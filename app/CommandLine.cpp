@@ -28,6 +28,23 @@ double parseSeconds(const std::string& text, std::string_view option) {
     return value;
 }
 
+// --scale: "auto", or a fraction of the drawable from 0.25 to 1.
+RenderScale parseScale(const std::string& text) {
+    RenderScale scale;
+    if (text == "auto") {
+        scale.automatic = true;
+        return scale;
+    }
+    float value = 0.0f;
+    const char* end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, value);
+    if (text.empty() || error != std::errc() || stop != end || !(value >= 0.25f && value <= 1.0f)) {
+        throw CommandLineError("--scale wants auto or a fraction from 0.25 to 1, not '" + text + "'");
+    }
+    scale.fixed = value;
+    return scale;
+}
+
 // One option: its name, the name of its value (empty for a switch), its --help text (further
 // lines after '\n' are indented under the first) and what it sets.
 struct OptionEntry {
@@ -51,9 +68,15 @@ constexpr OptionEntry kOptions[] = {
      "check every Vulkan call with the Khronos validation layer and print\n"
      "its messages on standard error",
      [](PlayerOptions& o, const std::string&) { o.validation = true; }},
+    {"--scale", "SCALE",
+     "render the scene at SCALE times the window's size, 0.25 to 1, and\n"
+     "stretch it to fill the window; auto (the default with any argument)\n"
+     "picks it from the GPU's frame times to keep up with the display",
+     [](PlayerOptions& o, const std::string& v) { o.renderScale = parseScale(v); }},
     {"--frame-pump-stats", "",
-     "at exit, print one line with the frame pump's counters: display\n"
-     "ticks, frames queued and drawn, main-thread processor time per frame",
+     "at exit, print the frame pump's counters: display ticks, frames\n"
+     "queued and drawn, main-thread processor time per frame, frames per\n"
+     "second, and the render scales of --scale auto",
      [](PlayerOptions& o, const std::string&) { o.framePumpStats = true; }},
     {"--timings", "",
      "author mode: after each move through the show's time, print how\n"
@@ -98,6 +121,8 @@ PlayerOptions parseCommandLine(const std::vector<std::string>& arguments,
                                const std::function<bool(const std::string&)>& isDirectory) {
     PlayerOptions options;
     options.withArguments = !arguments.empty();
+    // Without an argument the picture is rendered exactly, as the show's rules fix it.
+    options.renderScale.automatic = options.withArguments;
     std::optional<std::string> show;
     auto takeShow = [&](const std::string& argument) {
         if (argument.empty()) throw CommandLineError("SHOW is an empty path");

@@ -80,6 +80,8 @@ void RenderViewLogic::drawFrame() {
     }
     ++counters_.drawn;
     counters_.frameCpu += threadCpuTime() - cpuAtStart;
+    counters_.lastDrawnAt = std::chrono::steady_clock::now();
+    if (counters_.drawn == 1) counters_.firstDrawnAt = counters_.lastDrawnAt;
     // Under time control the transport holds the show's end itself.
     if (timeControl_ == nullptr && showHasEnded(frame.timeSeconds, renderEndSeconds_)) {
         terminateApplication();

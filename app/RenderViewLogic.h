@@ -39,6 +39,8 @@ struct FramePumpCounters {
     std::atomic<std::uint64_t> queued{0};   // ticks that became a frame task
     std::uint64_t drawn = 0;                // frames handed to the renderer
     std::chrono::nanoseconds frameCpu{0};   // main-thread processor time inside those frames
+    std::chrono::steady_clock::time_point firstDrawnAt{};  // when the first and the latest of them
+    std::chrono::steady_clock::time_point lastDrawnAt{};   // were handed over
 };
 
 class RenderViewLogic {

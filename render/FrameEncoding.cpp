@@ -1,18 +1,21 @@
-// One frame: drawable, in-flight slot, phase, compute pass, scene pass, composite pass, the text
-// over the picture, presentation and the completion handlers (with the frame's GPU time); and
-// the depth target that follows the drawable.
+// One frame: drawable, in-flight slot, phase, compute pass, scene pass, composite pass, the
+// stretch of a scaled picture over the drawable, the text over the picture, presentation and the
+// completion handlers (with the frame's GPU time); and the depth and scaled colour targets that
+// follow the drawable.
 //
 // [SECTION] Phases
 // [SECTION] Draw
 // [SECTION] Passes
 // [SECTION] Completion handlers
 // [SECTION] Depth target
+// [SECTION] Render scale
 // [SECTION] Text overlay
 
 #include "render/RendererImpl.h"
 
 #include "render/ShaderInterface.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -23,12 +26,18 @@ namespace {
 
 constexpr const char* kCommandBufferFailed = "Metal command buffer failed: %s\n";
 constexpr const char* kNoDepthTexture = "Failed to create depth texture";
+constexpr const char* kNoScaledTarget = "Failed to create scaled render target";
 constexpr float kClearColor[4] = {0.02f, 0.02f, 0.025f, 1.0f};
 
 PassParams passParams(std::uint32_t index) {
     PassParams params;
     params.passIndex = index;
     return params;
+}
+
+// A side of the drawable at a render scale: rounded, and never below one pixel.
+std::uint32_t scaledSide(std::uint32_t side, float scale) {
+    return std::max<std::uint32_t>(1, static_cast<std::uint32_t>(std::lround(static_cast<double>(side) * scale)));
 }
 
 } // namespace
@@ -96,7 +105,17 @@ void Renderer::Impl::abandonFrame() {
 
 void Renderer::Impl::encode(const FrameInfo& frame, std::uint32_t slotIndex, gpu::CommandBuffer& commands) {
     using namespace shader_interface;
-    ensureDepthTexture(drawable.texture->width(), drawable.texture->height());
+    // Below scale 1 the passes draw into a smaller target of their own, stretched over the
+    // drawable at the end; at 1 they draw into the drawable itself.
+    const bool scaled = renderScale < 1.0f;
+    if (scaled) {
+        ensureScaledTarget(scaledSide(drawable.texture->width(), renderScale),
+                           scaledSide(drawable.texture->height(), renderScale));
+    } else {
+        scaledTarget.reset();  // frames in flight keep theirs
+    }
+    const gpu::Texture& target = scaled ? *scaledTarget : *drawable.texture;
+    ensureDepthTexture(target.width(), target.height());
 
     // The slot three frames back has completed (the semaphore, and handlers run in order), so
     // its command buffer, descriptor sets and keep-alives are free again.
@@ -108,7 +127,9 @@ void Renderer::Impl::encode(const FrameInfo& frame, std::uint32_t slotIndex, gpu
     const std::uint32_t capacity = vertexCapacity.load();
 
     FramePushConstants constants;
-    constants.scene.resolution = {static_cast<float>(surfaceSize.width), static_cast<float>(surfaceSize.height)};
+    // Scaled, the shaders draw relative to the size they are rendered at.
+    constants.scene.resolution = {static_cast<float>(scaled ? target.width() : surfaceSize.width),
+                                  static_cast<float>(scaled ? target.height() : surfaceSize.height)};
     constants.scene.timeSeconds = frame.timeSeconds;
     constants.scene.deltaSeconds = frame.deltaSeconds;
     constants.scene.showDurationSeconds = frame.showDurationSeconds;
@@ -138,6 +159,17 @@ void Renderer::Impl::encode(const FrameInfo& frame, std::uint32_t slotIndex, gpu
     commands.begin();
     if (timestamps) timestamps->begin(commands.handle(), slotIndex);
     layer->encodeBegin(commands, drawable);
+    if (scaled) {
+        // The last frame's stretch read it, and its passes wrote it; it is cleared, so its
+        // contents do not matter.
+        gpu::ImageTransition targetForScene;
+        targetForScene.srcStage = VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT | VK_PIPELINE_STAGE_2_BLIT_BIT;
+        targetForScene.srcAccess = VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT;
+        targetForScene.dstStage = VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT;
+        targetForScene.dstAccess = VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT | VK_ACCESS_2_COLOR_ATTACHMENT_READ_BIT;
+        targetForScene.newLayout = VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL;
+        gpu::transitionTexture(commands.handle(), target, targetForScene);
+    }
 
     // -----------------------------------------------------------------------------------------
     // [SECTION] Passes
@@ -172,11 +204,11 @@ void Renderer::Impl::encode(const FrameInfo& frame, std::uint32_t slotIndex, gpu
     gpu::transitionTexture(commands.handle(), *depthTexture, depthForScene);
 
     gpu::ColorTarget color;
-    color.texture = drawable.texture;
+    color.texture = &target;
     color.clear = true;
     for (int i = 0; i < 4; ++i) color.clearColor[i] = kClearColor[i];
     commands.beginRendering(color, gpu::DepthTarget{depthTexture.get(), 1.0f});
-    commands.setViewport(drawable.texture->width(), drawable.texture->height());
+    commands.setViewport(target.width(), target.height());
     commands.bindRender(*scenePipelineState, layout, slot.sceneSet);
     commands.setDepthState(false, false, VK_COMPARE_OP_ALWAYS);  // no depth-stencil state set yet
     commands.pushConstants(layout, 0, sizeof(SceneUniforms), &constants.scene);
@@ -215,10 +247,10 @@ void Renderer::Impl::encode(const FrameInfo& frame, std::uint32_t slotIndex, gpu
                                VK_ACCESS_2_COLOR_ATTACHMENT_READ_BIT | VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT);
 
         gpu::ColorTarget loaded;
-        loaded.texture = drawable.texture;
+        loaded.texture = &target;
         loaded.clear = false;
         commands.beginRendering(loaded, gpu::DepthTarget{});
-        commands.setViewport(drawable.texture->width(), drawable.texture->height());
+        commands.setViewport(target.width(), target.height());
         commands.bindRender(*compositePipelineState, layout, slot.compositeSet);
         constants.pass = passParams(kPassCompositeQuad);
         commands.pushConstants(layout, 0, sizeof(constants), &constants);
@@ -227,17 +259,28 @@ void Renderer::Impl::encode(const FrameInfo& frame, std::uint32_t slotIndex, gpu
         commands.endRendering();
     }
 
-    // Text over everything, when there is any.
-    if (overlay && !overlay->empty()) overlay->encode(commands, *drawable.texture, slotIndex);
+    // Text over everything, when there is any, at the drawable's own size: a scaled picture is
+    // stretched onto the drawable first. Without text the surface presents the picture as it is.
+    const bool text = overlay && !overlay->empty();
+    if (scaled) {
+        finishScaledPicture(commands);
+        if (text) gpu::stretchOntoDrawable(commands, *scaledTarget, drawable);
+    }
+    if (text) overlay->encode(commands, *drawable.texture, slotIndex);
 
     if (timestamps) timestamps->end(commands.handle(), slotIndex);
-    layer->encodePresent(commands, drawable);
+    if (scaled && !text) {
+        layer->encodePresentScaled(commands, drawable, scaledTarget);
+    } else {
+        layer->encodePresent(commands, drawable);
+    }
     commands.end();
 
     // Replaced buffers, textures and pipelines stay alive until this frame is back.
     slot.vertexPool = generatedVertexBuffer;
     slot.indirectArguments = indirectDrawArgumentBuffer;
     slot.depth = depthTexture;
+    slot.scaledTarget = scaledTarget;
     slot.drawable = drawable.keepAlive;
     slot.scenePipeline = scenePipelineState;
     slot.compositePipeline = compositePipelineState;
@@ -305,6 +348,37 @@ void Renderer::Impl::ensureDepthTexture(std::uint64_t width, std::uint64_t heigh
     depthTexture = gpu::Texture::create(*device, description);  // frames in flight keep the old one
     require(depthTexture, kNoDepthTexture);
     ++depthTexturesCreated;
+}
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Render scale
+// ---------------------------------------------------------------------------------------------
+
+void Renderer::Impl::setRenderScale(float scale) {
+    renderScale = std::isnan(scale) ? 1.0f : std::clamp(scale, renderer_limits::kMinRenderScale, 1.0f);
+}
+
+void Renderer::Impl::ensureScaledTarget(std::uint32_t width, std::uint32_t height) {
+    if (scaledTarget && scaledTarget->width() == width && scaledTarget->height() == height) return;
+    gpu::TextureDescription description;
+    description.format = layer->colorFormat();
+    description.width = width;
+    description.height = height;
+    description.usage = VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT | VK_IMAGE_USAGE_TRANSFER_SRC_BIT;
+    scaledTarget = gpu::Texture::create(*device, description);  // frames in flight keep the old one
+    require(scaledTarget, kNoScaledTarget);
+}
+
+// The passes wrote the scaled picture; the stretch reads it.
+void Renderer::Impl::finishScaledPicture(gpu::CommandBuffer& commands) {
+    gpu::ImageTransition toSource;
+    toSource.srcStage = VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT;
+    toSource.srcAccess = VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT;
+    toSource.dstStage = VK_PIPELINE_STAGE_2_BLIT_BIT;
+    toSource.dstAccess = VK_ACCESS_2_TRANSFER_READ_BIT;
+    toSource.oldLayout = VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL;
+    toSource.newLayout = VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL;
+    gpu::transitionTexture(commands.handle(), *scaledTarget, toSource);
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -91,6 +91,9 @@ MetalView::MetalView(ViewFrame frame, SDL_Window* hostWindow, MainThreadQueue& m
             new Renderer(_device.get(), _metalLayer.get(), archive_, manifest_, std::move(postToMain),
                          std::move(pipelineCache)),
             RendererRelease{_device, _metalLayer});
+        // Without arguments the scale stays 1: the renderer draws at the drawable's size exactly.
+        if (options.renderScale.automatic) dynamicResolution_ = std::make_unique<DynamicResolution>();
+        renderer_->setRenderScale(dynamicResolution_ ? dynamicResolution_->scale() : options.renderScale.fixed);
 
         // No window yet: the main screen's scale applies.
         updateDrawableSize();
@@ -192,6 +195,10 @@ void MetalView::resizeRenderer(SurfaceSize size) { renderer_->resize(size); }
 
 void MetalView::drawWithRenderer(const FrameInfo& frame) {
     renderer_->draw(frame);
+    // --scale auto: the next frame's scale, from the GPU time of the latest completed frame.
+    if (dynamicResolution_) {
+        renderer_->setRenderScale(dynamicResolution_->frameDrawn(renderer_->lastFrameGpuSeconds()));
+    }
     if (author_) {
         author_->frameDrawn();
     }
@@ -263,8 +270,9 @@ void MetalView::startDisplayTimer() {
     const int reportedHz = SDL_GetCurrentDisplayMode(display < 0 ? 0 : display, &mode) == 0 ? mode.refresh_rate : 0;
     // The timer's thread reaches the view by address; the view stops it before anything the tick
     // touches is destroyed.
-    displayLink_ = std::make_unique<DisplayTimer>(DisplayTimer::refreshRateOr60(reportedHz),
-                                                  [this] { scheduleDrawFrame(); });
+    const double refreshHz = DisplayTimer::refreshRateOr60(reportedHz);
+    if (dynamicResolution_) dynamicResolution_->setFrameInterval(1.0 / refreshHz);
+    displayLink_ = std::make_unique<DisplayTimer>(refreshHz, [this] { scheduleDrawFrame(); });
     displayLink_->start();
 }
 

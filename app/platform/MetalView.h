@@ -13,6 +13,7 @@
 
 #include "app/CommandLine.h"
 #include "app/DisplayTimer.h"
+#include "app/DynamicResolution.h"
 #include "app/MainThreadQueue.h"
 #include "app/RenderViewLogic.h"
 #include "app/platform/AuthorMode.h"
@@ -50,6 +51,8 @@ public:
     void viewDidMoveToWindow(SDL_Window* window);
     // The window's client area changed size, in points.
     void setFrameSize(double width, double height);
+    // The render scale's controller under --scale auto; null otherwise.
+    const DynamicResolution* dynamicResolution() const { return dynamicResolution_.get(); }
 
 protected:
     bool windowIsFullScreen() const override;
@@ -119,6 +122,7 @@ private:
     std::shared_ptr<const DemoArchive> archive_;
     DemoManifest manifest_;
     std::unique_ptr<DisplayTimer> displayLink_;
+    std::unique_ptr<DynamicResolution> dynamicResolution_;  // --scale auto only
     pelora::gamedev::core::audio_song audioSong_{};
     pelora::gamedev::core::audio_player* audioPlayer_ = nullptr;
     std::shared_ptr<gpu::Device> _device;

@@ -19,4 +19,31 @@ void Surface::encodeBegin(CommandBuffer& commands, const Drawable& drawable) con
     transitionTexture(commands.handle(), *drawable.texture, transition);
 }
 
+void Surface::encodePresentScaled(CommandBuffer& commands, const Drawable& drawable,
+                                  std::shared_ptr<const Texture> picture) {
+    stretchOntoDrawable(commands, *picture, drawable);
+    encodePresent(commands, drawable);
+}
+
+void stretchOntoDrawable(CommandBuffer& commands, const Texture& picture, const Drawable& drawable) {
+    // Every pixel of the drawable comes from the stretch: what it held does not matter.
+    ImageTransition toDestination;
+    toDestination.srcStage = VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT;
+    toDestination.dstStage = VK_PIPELINE_STAGE_2_BLIT_BIT;
+    toDestination.dstAccess = VK_ACCESS_2_TRANSFER_WRITE_BIT;
+    toDestination.newLayout = VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL;
+    transitionTexture(commands.handle(), *drawable.texture, toDestination);
+
+    commands.stretch(picture, *drawable.texture);
+
+    ImageTransition toAttachment;
+    toAttachment.srcStage = VK_PIPELINE_STAGE_2_BLIT_BIT;
+    toAttachment.srcAccess = VK_ACCESS_2_TRANSFER_WRITE_BIT;
+    toAttachment.dstStage = VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT;
+    toAttachment.dstAccess = VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT | VK_ACCESS_2_COLOR_ATTACHMENT_READ_BIT;
+    toAttachment.oldLayout = VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL;
+    toAttachment.newLayout = VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL;
+    transitionTexture(commands.handle(), *drawable.texture, toAttachment);
+}
+
 } // namespace brisvale::gpu
