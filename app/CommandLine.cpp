@@ -28,6 +28,23 @@ double parseSeconds(const std::string& text, std::string_view option) {
     return value;
 }
 
+// --scale: "auto", or a fraction of the drawable from 0.25 to 1.
+RenderScale parseScale(const std::string& text) {
+    RenderScale scale;
+    if (text == "auto") {
+        scale.automatic = true;
+        return scale;
+    }
+    float value = 0.0f;
+    const char* end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, value);
+    if (text.empty() || error != std::errc() || stop != end || !(value >= 0.25f && value <= 1.0f)) {
+        throw CommandLineError("--scale wants auto or a fraction from 0.25 to 1, not '" + text + "'");
+    }
+    scale.fixed = value;
+    return scale;
+}
+
 // One option: its name, the name of its value (empty for a switch), its --help text (further
 // lines after '\n' are indented under the first) and what it sets.
 struct OptionEntry {
@@ -51,10 +68,21 @@ constexpr OptionEntry kOptions[] = {
      "check every Vulkan call with the Khronos validation layer and print\n"
      "its messages on standard error",
      [](PlayerOptions& o, const std::string&) { o.validation = true; }},
+    {"--scale", "SCALE",
+     "render the scene at SCALE times the window's size, 0.25 to 1, and\n"
+     "stretch it to fill the window; auto (the default with any argument)\n"
+     "picks it from the GPU's frame times to keep up with the display",
+     [](PlayerOptions& o, const std::string& v) { o.renderScale = parseScale(v); }},
     {"--frame-pump-stats", "",
-     "at exit, print one line with the frame pump's counters: display\n"
-     "ticks, frames queued and drawn, main-thread processor time per frame",
+     "at exit, print the frame pump's counters: display ticks, frames\n"
+     "queued and drawn, main-thread processor time per frame, frames per\n"
+     "second, and the render scales of --scale auto",
      [](PlayerOptions& o, const std::string&) { o.framePumpStats = true; }},
+    {"--timings", "",
+     "author mode: after each move through the show's time, print how\n"
+     "long it took from the key to the first frame drawn at the new time,\n"
+     "and with each reload where its time went",
+     [](PlayerOptions& o, const std::string&) { o.timings = true; }},
     {"--help", "", "print this help and exit", [](PlayerOptions& o, const std::string&) { o.help = true; }},
     {"--version", "", "print the version and exit", [](PlayerOptions& o, const std::string&) { o.version = true; }},
 };
@@ -93,6 +121,8 @@ PlayerOptions parseCommandLine(const std::vector<std::string>& arguments,
                                const std::function<bool(const std::string&)>& isDirectory) {
     PlayerOptions options;
     options.withArguments = !arguments.empty();
+    // Without an argument the picture is rendered exactly, as the show's rules fix it.
+    options.renderScale.automatic = options.withArguments;
     std::optional<std::string> show;
     auto takeShow = [&](const std::string& argument) {
         if (argument.empty()) throw CommandLineError("SHOW is an empty path");
@@ -166,6 +196,15 @@ std::string helpText() {
         "Keys:\n"
         "  Escape, Ctrl+Q        quit\n"
         "  f, Ctrl+Return        toggle full screen\n"
+        "\n"
+        "Author mode (SHOW is a directory): each file saved is taken up while the show\n"
+        "plays; an error names the file and line and stays over the picture until it is\n"
+        "fixed; at its end the show holds its last frame instead of quitting.\n"
+        "  Space                 pause or resume picture and music\n"
+        "  Left, Right           5 seconds back or on (with Shift: 1 second)\n"
+        "  comma, period         one frame back or on, while paused\n"
+        "  Home                  back to the beginning\n"
+        "  h                     show or hide the status line\n"
         "\n"
         "Exit status:\n"
         "  0                     the show ended, or it was quit\n"

@@ -29,6 +29,12 @@ enum class ShowKind {
     Directory,   // SHOW is a directory: author mode, from the show's own files
 };
 
+// The size the scene is rendered at, against the drawable's (--scale).
+struct RenderScale {
+    bool automatic = false;  // chosen frame by frame from the GPU's frame times
+    float fixed = 1.0f;      // otherwise this fraction of the drawable, 0.25 to 1 (1: exact)
+};
+
 struct PlayerOptions {
     bool help = false;     // --help: print the help and exit 0
     bool version = false;  // --version: print the version and exit 0
@@ -40,6 +46,9 @@ struct PlayerOptions {
     double startSeconds = 0.0;    // --start: the show clock's time at the show's start
     bool validation = false;      // --validation: the Vulkan validation layer and our messenger
     bool framePumpStats = false;  // --frame-pump-stats: the counters line at exit
+    // --scale; automatic whenever the player has any argument, exact without one.
+    RenderScale renderScale;
+    bool timings = false;         // --timings: author mode reports how long each move took
 
     // True when the player was given any argument: author's-tool features may apply.
     bool withArguments = false;

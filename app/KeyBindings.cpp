@@ -40,4 +40,29 @@ KeyAction menuKeyEquivalentFor(const KeyPress& key) {
     return KeyAction::PassOn;
 }
 
+AuthorCommand authorCommandFor(const KeyPress& key) {
+    if (key.command) {
+        return {};
+    }
+    const double move = key.shift ? 1.0 : 5.0;
+    switch (key.code) {
+    case KeyCode::Left:
+        return {AuthorAction::Move, -move, 0};
+    case KeyCode::Right:
+        return {AuthorAction::Move, move, 0};
+    case KeyCode::Home:
+        return {AuthorAction::GoToStart, 0.0, 0};
+    case KeyCode::Other:
+        break;
+    default:
+        return {};
+    }
+    const std::string text = lowerCased(key.charactersIgnoringModifiers);
+    if (text == " ") return {AuthorAction::TogglePause, 0.0, 0};
+    if (text == ",") return {AuthorAction::StepFrames, 0.0, -1};
+    if (text == ".") return {AuthorAction::StepFrames, 0.0, 1};
+    if (text == "h") return {AuthorAction::ToggleStatus, 0.0, 0};
+    return {};
+}
+
 } // namespace brisvale

@@ -7,6 +7,8 @@
 #include <exception>
 #include <string>
 
+#include "app/ShowTransport.h"
+
 namespace brisvale {
 namespace {
 
@@ -63,7 +65,7 @@ void RenderViewLogic::drawFrame() {
     }
     const std::chrono::nanoseconds cpuAtStart = threadCpuTime();
     updateDrawableSize();
-    FrameInfo frame = app_->tick();
+    FrameInfo frame = timeControl_ != nullptr ? timeControl_->tick() : app_->tick();
     frame.showDurationSeconds = showDurationSeconds_;
     frame.renderEndSeconds = renderEndSeconds_;
     try {
@@ -78,7 +80,10 @@ void RenderViewLogic::drawFrame() {
     }
     ++counters_.drawn;
     counters_.frameCpu += threadCpuTime() - cpuAtStart;
-    if (showHasEnded(frame.timeSeconds, renderEndSeconds_)) {
+    counters_.lastDrawnAt = std::chrono::steady_clock::now();
+    if (counters_.drawn == 1) counters_.firstDrawnAt = counters_.lastDrawnAt;
+    // Under time control the transport holds the show's end itself.
+    if (timeControl_ == nullptr && showHasEnded(frame.timeSeconds, renderEndSeconds_)) {
         terminateApplication();
     }
 }
@@ -149,12 +154,15 @@ void RenderViewLogic::startRendering() {
     hideCursorIfNeeded();
     // Show time 0, or the chosen start time, is this moment.
     app_ = showStartSeconds_ > 0.0 ? std::make_unique<App>(showStartSeconds_) : std::make_unique<App>();
-    startMusic();
+    startMusic(showStartSeconds_);
+    if (timeControl_ != nullptr) {
+        timeControl_->start(showStartSeconds_, showDurationSeconds_, renderEndSeconds_);
+    }
     // Whatever happened to the music, the frames run.
     startDisplayTimer();
 }
 
-void RenderViewLogic::startMusic() {
+void RenderViewLogic::startMusic(double startSeconds) {
     std::span<const std::byte> music;
     try {
         music = musicBytes();
@@ -185,10 +193,27 @@ void RenderViewLogic::startMusic() {
     if (!createPlayer() || startPlayer() != 0) {
         // Silent, but the end time stays.
         systemLog(kFailedToStartAudio);
-    } else if (showStartSeconds_ > 0.0 && seekPlayer(showStartSeconds_) != 0) {
+    } else if (startSeconds > 0.0 && seekPlayer(startSeconds) != 0) {
         // Sought only once started: a player sought before its start cannot play.
         systemLog(kFailedToSeekAudio);
     }
+}
+
+// ---------------------------------------------------------------------------------------------
+// [TIME CONTROL]
+
+bool RenderViewLogic::reloadMusic() {
+    if (hasPlayer()) {
+        destroyPlayer();
+    }
+    if (audioLoaded_) {
+        destroySong();
+        audioLoaded_ = false;
+    }
+    showDurationSeconds_ = 0.0f;
+    renderEndSeconds_ = 0.0f;
+    startMusic(0.0);
+    return audioLoaded_;
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -7,7 +7,7 @@
 // The platform half (app/platform/MetalView) derives from it and answers the hooks below with
 // SDL, the renderer and the audio library; tests answer them with a recording fake.
 //
-// Sections: [PUMP] [FRAME] [SIZE] [KEYS] [CURSOR] [SHOW START] [TEARDOWN] [HOOKS]
+// Sections: [PUMP] [FRAME] [SIZE] [KEYS] [CURSOR] [SHOW START] [TIME CONTROL] [TEARDOWN] [HOOKS]
 
 #include <atomic>
 #include <chrono>
@@ -26,6 +26,8 @@
 
 namespace brisvale {
 
+class ShowTransport;
+
 // The end-of-show rule: an end time above 0 is reached by the first frame whose show time is at
 // or past it. That frame is drawn before the application is asked to quit.
 bool showHasEnded(float timeSeconds, float renderEndSeconds);
@@ -37,6 +39,8 @@ struct FramePumpCounters {
     std::atomic<std::uint64_t> queued{0};   // ticks that became a frame task
     std::uint64_t drawn = 0;                // frames handed to the renderer
     std::chrono::nanoseconds frameCpu{0};   // main-thread processor time inside those frames
+    std::chrono::steady_clock::time_point firstDrawnAt{};  // when the first and the latest of them
+    std::chrono::steady_clock::time_point lastDrawnAt{};   // were handed over
 };
 
 class RenderViewLogic {
@@ -65,6 +69,14 @@ public:
     // Before stage B: the show time the clock starts at (0 unless the player was told otherwise);
     // the music is sought to it once its player has started.
     void setShowStartSeconds(double seconds) { showStartSeconds_ = seconds; }
+
+    // [TIME CONTROL] Author mode only, set before stage B: frames take their time from
+    // `transport` (played, paused and moved by the author) instead of the show clock, and the
+    // show's end holds its last frame instead of quitting. Not owned; outlives the frames.
+    void setTimeControl(ShowTransport* transport) { timeControl_ = transport; }
+    // Author mode, after stage B: the song and its player made again from musicBytes() (the
+    // music's file changed), playing from its beginning. False when the music did not load.
+    bool reloadMusic();
 
     bool isRenderingStarted() const { return renderingStarted_; }
     // True once a frame's draw raised: the show was ended and the process should fail.
@@ -124,7 +136,7 @@ protected:
     std::unique_ptr<App> app_;
 
 private:
-    void startMusic();
+    void startMusic(double startSeconds);
 
     // The view's lock. Guards framePending_ and nothing else; the display-timer thread takes it
     // for the test-and-set, the main thread for the clear. Never held while posting or drawing.
@@ -136,6 +148,7 @@ private:
     bool cursorHidden_ = false;
     bool drawFailed_ = false;
     double showStartSeconds_ = 0.0;
+    ShowTransport* timeControl_ = nullptr;
     float showDurationSeconds_ = 0.0f;
     float renderEndSeconds_ = 0.0f;
 

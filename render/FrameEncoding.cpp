@@ -1,12 +1,14 @@
-// One frame: drawable, in-flight slot, phase, compute pass, scene pass, composite pass, the text
-// over the picture, presentation and the completion handlers (with the frame's GPU time); and
-// the depth target that follows the drawable.
+// One frame: drawable, in-flight slot, phase, compute pass, scene pass, composite pass, the
+// stretch of a scaled picture over the drawable, the text over the picture, presentation and the
+// completion handlers (with the frame's GPU time); and the depth and scaled colour targets that
+// follow the drawable.
 //
 // [SECTION] Phases
 // [SECTION] Draw
 // [SECTION] Passes
 // [SECTION] Completion handlers
 // [SECTION] Depth target
+// [SECTION] Render scale
 // [SECTION] Text overlay
 
 #include "render/RendererImpl.h"
@@ -14,6 +16,8 @@
 #include "render/RenderLog.h"
 #include "render/ShaderInterface.h"
 
+#include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstring>
 #include <stdexcept>
@@ -22,12 +26,18 @@ namespace brisvale {
 namespace {
 
 constexpr const char* kNoDepthTexture = "Failed to create depth texture";
+constexpr const char* kNoScaledTarget = "Failed to create scaled render target";
 constexpr std::array<float, 4> kClearColor = {0.02f, 0.02f, 0.025f, 1.0f};
 
 PassParams passParams(std::uint32_t index) {
     PassParams params;
     params.passIndex = index;
     return params;
+}
+
+// A side of the drawable at a render scale: rounded, and never below one pixel.
+std::uint32_t scaledSide(std::uint32_t side, float scale) {
+    return std::max<std::uint32_t>(1, static_cast<std::uint32_t>(std::lround(static_cast<double>(side) * scale)));
 }
 
 } // namespace
@@ -95,7 +105,17 @@ void Renderer::Impl::abandonFrame() {
 
 void Renderer::Impl::encode(const FrameInfo& frame, std::uint32_t slotIndex, gpu::CommandBuffer& commands) {
     using namespace shader_interface;
-    ensureDepthTexture(drawable.texture->width(), drawable.texture->height());
+    // Below scale 1 the passes draw into a smaller target of their own, stretched over the
+    // drawable at the end; at 1 they draw into the drawable itself.
+    const bool scaled = renderScale < 1.0f;
+    if (scaled) {
+        ensureScaledTarget(scaledSide(drawable.texture->width(), renderScale),
+                           scaledSide(drawable.texture->height(), renderScale));
+    } else {
+        scaledTarget.reset();  // frames in flight keep theirs
+    }
+    const gpu::Texture& target = scaled ? *scaledTarget : *drawable.texture;
+    ensureDepthTexture(target.width(), target.height());
 
     // The slot three frames back has completed (the semaphore, and handlers run in order), so
     // its command buffer, descriptor sets and keep-alives are free again.
@@ -107,7 +127,9 @@ void Renderer::Impl::encode(const FrameInfo& frame, std::uint32_t slotIndex, gpu
     const std::uint32_t capacity = vertexCapacity.load();
 
     FramePushConstants constants;
-    constants.scene.resolution = {static_cast<float>(surfaceSize.width), static_cast<float>(surfaceSize.height)};
+    // Scaled, the shaders draw relative to the size they are rendered at.
+    constants.scene.resolution = {static_cast<float>(scaled ? target.width() : surfaceSize.width),
+                                  static_cast<float>(scaled ? target.height() : surfaceSize.height)};
     constants.scene.timeSeconds = frame.timeSeconds;
     constants.scene.deltaSeconds = frame.deltaSeconds;
     constants.scene.showDurationSeconds = frame.showDurationSeconds;
@@ -137,6 +159,14 @@ void Renderer::Impl::encode(const FrameInfo& frame, std::uint32_t slotIndex, gpu
     commands.begin();
     if (timestamps) timestamps->begin(commands.handle(), slotIndex);
     layer->encodeBegin(commands, drawable);
+    if (scaled) {
+        // The last frame's stretch read it, and its passes wrote it; it is cleared, so its
+        // contents do not matter.
+        commands.imageBarrier(target, VK_IMAGE_LAYOUT_UNDEFINED, VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL,
+                              VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT | VK_PIPELINE_STAGE_2_BLIT_BIT,
+                              VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT, VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT,
+                              VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT | VK_ACCESS_2_COLOR_ATTACHMENT_READ_BIT);
+    }
 
     // -----------------------------------------------------------------------------------------
     // [SECTION] Passes
@@ -167,9 +197,8 @@ void Renderer::Impl::encode(const FrameInfo& frame, std::uint32_t slotIndex, gpu
                           VK_ACCESS_2_DEPTH_STENCIL_ATTACHMENT_WRITE_BIT, kDepthTests,
                           VK_ACCESS_2_DEPTH_STENCIL_ATTACHMENT_READ_BIT | VK_ACCESS_2_DEPTH_STENCIL_ATTACHMENT_WRITE_BIT);
 
-    commands.beginRendering(gpu::ColorTarget::cleared(*drawable.texture, kClearColor),
-                            gpu::DepthTarget{depthTexture.get(), 1.0f});
-    commands.setViewport(drawable.texture->width(), drawable.texture->height());
+    commands.beginRendering(gpu::ColorTarget::cleared(target, kClearColor), gpu::DepthTarget{depthTexture.get(), 1.0f});
+    commands.setViewport(target.width(), target.height());
     commands.bindRender(*scenePipelineState, layout, slot.sceneSet);
     commands.setDepthState(false, false, VK_COMPARE_OP_ALWAYS);  // no depth-stencil state set yet
     commands.pushConstants(layout, 0, sizeof(SceneUniforms), &constants.scene);
@@ -202,8 +231,8 @@ void Renderer::Impl::encode(const FrameInfo& frame, std::uint32_t slotIndex, gpu
                                VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT,
                                VK_ACCESS_2_COLOR_ATTACHMENT_READ_BIT | VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT);
 
-        commands.beginRendering(gpu::ColorTarget::loaded(*drawable.texture), gpu::DepthTarget{});
-        commands.setViewport(drawable.texture->width(), drawable.texture->height());
+        commands.beginRendering(gpu::ColorTarget::loaded(target), gpu::DepthTarget{});
+        commands.setViewport(target.width(), target.height());
         commands.bindRender(*compositePipelineState, layout, slot.compositeSet);
         constants.pass = passParams(kPassCompositeQuad);
         commands.pushConstants(layout, 0, sizeof(constants), &constants);
@@ -212,17 +241,28 @@ void Renderer::Impl::encode(const FrameInfo& frame, std::uint32_t slotIndex, gpu
         commands.endRendering();
     }
 
-    // Text over everything, when there is any.
-    if (overlay && !overlay->empty()) overlay->encode(commands, *drawable.texture, slotIndex);
+    // Text over everything, when there is any, at the drawable's own size: a scaled picture is
+    // stretched onto the drawable first. Without text the surface presents the picture as it is.
+    const bool text = overlay && !overlay->empty();
+    if (scaled) {
+        finishScaledPicture(commands);
+        if (text) gpu::stretchOntoDrawable(commands, *scaledTarget, drawable);
+    }
+    if (text) overlay->encode(commands, *drawable.texture, slotIndex);
 
     if (timestamps) timestamps->end(commands.handle(), slotIndex);
-    layer->encodePresent(commands, drawable);
+    if (scaled && !text) {
+        layer->encodePresentScaled(commands, drawable, scaledTarget);
+    } else {
+        layer->encodePresent(commands, drawable);
+    }
     commands.end();
 
     // Replaced buffers, textures and pipelines stay alive until this frame is back.
     slot.vertexPool = generatedVertexBuffer;
     slot.indirectArguments = indirectDrawArgumentBuffer;
     slot.depth = depthTexture;
+    slot.scaledTarget = scaledTarget;
     slot.drawable = drawable.keepAlive;
     slot.scenePipeline = scenePipelineState;
     slot.compositePipeline = compositePipelineState;
@@ -290,6 +330,32 @@ void Renderer::Impl::ensureDepthTexture(std::uint64_t width, std::uint64_t heigh
     // Frames in flight keep the old one.
     depthTexture = requireCreated(kNoDepthTexture, [&] { return gpu::Texture::create(*device, description); });
     ++depthTexturesCreated;
+}
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Render scale
+// ---------------------------------------------------------------------------------------------
+
+void Renderer::Impl::setRenderScale(float scale) {
+    renderScale = std::isnan(scale) ? 1.0f : std::clamp(scale, renderer_limits::kMinRenderScale, 1.0f);
+}
+
+void Renderer::Impl::ensureScaledTarget(std::uint32_t width, std::uint32_t height) {
+    if (scaledTarget && scaledTarget->width() == width && scaledTarget->height() == height) return;
+    gpu::TextureDescription description;
+    description.format = layer->colorFormat();
+    description.width = width;
+    description.height = height;
+    description.usage = VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT | VK_IMAGE_USAGE_TRANSFER_SRC_BIT;
+    // Frames in flight keep the old one.
+    scaledTarget = requireCreated(kNoScaledTarget, [&] { return gpu::Texture::create(*device, description); });
+}
+
+// The passes wrote the scaled picture; the stretch reads it.
+void Renderer::Impl::finishScaledPicture(gpu::CommandBuffer& commands) {
+    commands.imageBarrier(*scaledTarget, VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL, VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL,
+                          VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT, VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT,
+                          VK_PIPELINE_STAGE_2_BLIT_BIT, VK_ACCESS_2_TRANSFER_READ_BIT);
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -22,6 +22,10 @@ void Renderer::draw(const FrameInfo& frame) {
     impl_->draw(frame);
 }
 
+void Renderer::setRenderScale(float scale) {
+    impl_->setRenderScale(scale);
+}
+
 std::shared_ptr<Renderer::PreparedShaders> Renderer::prepareShaders(const DemoArchive& archive,
                                                                     std::string_view shaderPath) const {
     return impl_->prepareShaders(archive, shaderPath);

@@ -41,6 +41,12 @@ public:
     void resize(SurfaceSize size);
     void draw(const FrameInfo& frame);
 
+    // Main thread, between draws: the scene and composite passes render at this fraction of the
+    // drawable's size, clamped to [0.25, 1], and are stretched over the drawable with linear
+    // filtering; the shaders' resolution is then the size rendered. At 1, the default, frames are
+    // drawn at the drawable's own size exactly as without it.
+    void setRenderScale(float scale);
+
     // Compiled stages with their pipelines, and a decoded, uploaded image array: opaque, made by
     // this renderer for this renderer.
     struct PreparedShaders;

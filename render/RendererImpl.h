@@ -46,6 +46,7 @@ inline constexpr std::uint32_t kImageEdge = kImageLayerEdge;
 inline constexpr std::uint64_t kImageDecodeBudgetPixels = brisvale::kImageDecodeBudgetPixels;
 inline constexpr float kIntroEndSeconds = 9.25f;
 inline constexpr float kFinaleStartSeconds = 142.0f;
+inline constexpr float kMinRenderScale = 0.25f;
 } // namespace renderer_limits
 
 // A file-local check in spirit: a missing platform object becomes a one-line runtime error.
@@ -100,6 +101,7 @@ struct Renderer::Impl {
     Impl& operator=(const Impl&) = delete;
 
     void resize(SurfaceSize size) { surfaceSize = size; }
+    void setRenderScale(float scale);
     void draw(const FrameInfo& frame);
     // draw's steps: record the frame into its slot's command buffer, submit it, or hand the
     // drawable and the slot back when either fails.
@@ -109,6 +111,10 @@ struct Renderer::Impl {
     gpu::RenderPipelineDescription pipelineDescriptorWithVertex(const std::vector<std::uint32_t>& vertexFunction,
                                                                 const std::vector<std::uint32_t>& fragmentFunction) const;
     void ensureDepthTexture(std::uint64_t width, std::uint64_t height);
+    // Below scale 1: the colour target the passes render into, at the scaled size, and its
+    // hand-over to the stretch over the drawable.
+    void ensureScaledTarget(std::uint32_t width, std::uint32_t height);
+    void finishScaledPicture(gpu::CommandBuffer& commands);
     void recreateGeometryBuffers(std::uint32_t capacity);
     void growGeometryBuffersIfNeeded(std::uint32_t requestedVertexCount);
 
@@ -160,6 +166,7 @@ struct Renderer::Impl {
         std::shared_ptr<gpu::Buffer> vertexPool;
         std::shared_ptr<gpu::Buffer> indirectArguments;
         std::shared_ptr<gpu::Texture> depth;
+        std::shared_ptr<gpu::Texture> scaledTarget;
         std::shared_ptr<const void> drawable;
         std::shared_ptr<gpu::RenderPipeline> scenePipeline;
         std::shared_ptr<gpu::RenderPipeline> compositePipeline;
@@ -222,6 +229,11 @@ struct Renderer::Impl {
     std::atomic<double> lastFrameGpuSeconds{0.0};
     // Made on the first non-empty text, so that a show without it never pays for it.
     std::unique_ptr<TextOverlay> overlay;
+    // The fraction of the drawable the scene renders at (main thread). Below 1 the passes draw
+    // into scaledTarget, which follows the drawable's size times the scale as the depth target
+    // does; at 1 there is none.
+    float renderScale = 1.0f;
+    std::shared_ptr<gpu::Texture> scaledTarget;
     StartupTimes startupTimes;
     // Bookkeeping for tests and diagnostics: frames between the slot wait and their handler
     // (the most seen at once), and how many depth targets were made.

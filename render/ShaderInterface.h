@@ -14,7 +14,7 @@ namespace brisvale {
 
 // Rebuilt for every frame; the first 32 bytes of the push-constant range.
 struct SceneUniforms {
-    std::array<float, 2> resolution{}; // drawable size in pixels from the last resize
+    std::array<float, 2> resolution{}; // size rendered: the last resize, or the scaled target below scale 1
     float timeSeconds = 0.0f;
     float deltaSeconds = 0.0f;
     float showDurationSeconds = 0.0f;

@@ -28,11 +28,18 @@ KeyPress keyPressFrom(const SDL_KeyboardEvent& event) {
     } else if (sym == SDLK_RETURN) {
         key.code = KeyCode::Return;
         key.charactersIgnoringModifiers = "\r";
+    } else if (sym == SDLK_LEFT) {
+        key.code = KeyCode::Left;
+    } else if (sym == SDLK_RIGHT) {
+        key.code = KeyCode::Right;
+    } else if (sym == SDLK_HOME) {
+        key.code = KeyCode::Home;
     } else if (sym >= 0x20 && sym < 0x7f) {
         key.charactersIgnoringModifiers = std::string(1, static_cast<char>(sym));
     }
     // The Command modifier is Ctrl, or Super where the desktop passes it through.
     key.command = (event.keysym.mod & (KMOD_CTRL | KMOD_GUI)) != 0;
+    key.shift = (event.keysym.mod & KMOD_SHIFT) != 0;
     return key;
 }
 

@@ -9,6 +9,7 @@
 #include "app/BundleResource.h"
 #include "app/platform/SystemLog.h"
 #include "content/ShowSource.h"
+#include "render/PipelineCacheFile.h"
 #include "render/gpu/WindowSurface.h"
 
 namespace brisvale {
@@ -84,12 +85,29 @@ MetalView::MetalView(ViewFrame frame, SDL_Window* hostWindow, MainThreadQueue& m
         MainThreadPoster postToMain = [&queue = mainQueue_](std::function<void()> task) {
             queue.post(std::move(task));
         };
+        // Compiled pipelines are kept between runs for the author's tools only: the player
+        // started without arguments writes no file of the user's.
+        std::optional<std::filesystem::path> pipelineCache;
+        if (options.withArguments) {
+            pipelineCache = userPipelineCacheDirectory();
+        }
         renderer_ = std::unique_ptr<Renderer, RendererRelease>(
-            new Renderer(_device.get(), _metalLayer.get(), archive_, manifest_, std::move(postToMain)),
+            new Renderer(_device.get(), _metalLayer.get(), archive_, manifest_, std::move(postToMain),
+                         std::move(pipelineCache)),
             RendererRelease{_device, _metalLayer});
+        // Without arguments the scale stays 1: the renderer draws at the drawable's size exactly.
+        if (options.renderScale.automatic) dynamicResolution_ = std::make_unique<DynamicResolution>();
+        renderer_->setRenderScale(dynamicResolution_ ? dynamicResolution_->scale() : options.renderScale.fixed);
 
         // No window yet: the main screen's scale applies.
         updateDrawableSize();
+
+        // Last: nothing after it may fail, and it starts watching the show directory.
+        if (options.showKind == ShowKind::Directory) {
+            AuthorModeHost& host = *this;
+            author_ = std::make_unique<AuthorMode>(host, *renderer_, mainQueue_, options, *archive_, manifest_);
+            setTimeControl(&author_->transport());
+        }
     } catch (...) {
         // The partly built view tears down as the error leaves: nothing of stage B exists yet.
         tearDown();
@@ -159,8 +177,11 @@ void MetalView::toggleWindowFullScreen() {
     }
 }
 
-void MetalView::passKeyOn(const KeyPress&) {
-    // Nothing lies behind the view in the responder chain; the menu has already seen the key.
+void MetalView::passKeyOn(const KeyPress& key) {
+    // Behind the view only author mode's keys; the menu has already seen the key.
+    if (author_) {
+        author_->keyDown(key);
+    }
 }
 
 void MetalView::hideSystemCursor() { SDL_ShowCursor(SDL_DISABLE); }
@@ -176,7 +197,16 @@ bool MetalView::hasRenderer() const { return renderer_ != nullptr; }
 
 void MetalView::resizeRenderer(SurfaceSize size) { renderer_->resize(size); }
 
-void MetalView::drawWithRenderer(const FrameInfo& frame) { renderer_->draw(frame); }
+void MetalView::drawWithRenderer(const FrameInfo& frame) {
+    renderer_->draw(frame);
+    // --scale auto: the next frame's scale, from the GPU time of the latest completed frame.
+    if (dynamicResolution_) {
+        renderer_->setRenderScale(dynamicResolution_->frameDrawn(renderer_->lastFrameGpuSeconds()));
+    }
+    if (author_) {
+        author_->frameDrawn();
+    }
+}
 
 // ---------------------------------------------------------------------------------------------
 // Music
@@ -210,6 +240,32 @@ void MetalView::destroyPlayer() {
 void MetalView::destroySong() { audio::audio_song_destroy(&audioSong_); }
 
 // ---------------------------------------------------------------------------------------------
+// Author mode
+
+bool MetalView::pauseMusic() { return audio::audio_player_pause(audioPlayer_) == 0; }
+
+bool MetalView::resumeMusic() { return audio::audio_player_resume(audioPlayer_) == 0; }
+
+bool MetalView::seekMusic(double seconds) { return audio::audio_player_seek(audioPlayer_, seconds) == 0; }
+
+double MetalView::musicSeconds() { return audio::audio_player_get_time(audioPlayer_); }
+
+bool MetalView::musicDone() { return audio::audio_player_is_done(audioPlayer_); }
+
+bool MetalView::adoptShow(std::shared_ptr<const DemoArchive> archive, const DemoManifest& manifest) {
+    archive_ = std::move(archive);
+    manifest_ = manifest;
+    // Before the show starts, stage B loads the music from these.
+    return isRenderingStarted() ? reloadMusic() : true;
+}
+
+void MetalView::setWindowTitle(const std::string& title) {
+    if (window_ != nullptr) {
+        SDL_SetWindowTitle(window_, title.c_str());
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
 // Display timer
 
 void MetalView::startDisplayTimer() {
@@ -218,8 +274,9 @@ void MetalView::startDisplayTimer() {
     const int reportedHz = SDL_GetCurrentDisplayMode(display < 0 ? 0 : display, &mode) == 0 ? mode.refresh_rate : 0;
     // The timer's thread reaches the view by address; the view stops it before anything the tick
     // touches is destroyed.
-    displayLink_ = std::make_unique<DisplayTimer>(DisplayTimer::refreshRateOr60(reportedHz),
-                                                  [this] { scheduleDrawFrame(); });
+    const double refreshHz = DisplayTimer::refreshRateOr60(reportedHz);
+    if (dynamicResolution_) dynamicResolution_->setFrameInterval(1.0 / refreshHz);
+    displayLink_ = std::make_unique<DisplayTimer>(refreshHz, [this] { scheduleDrawFrame(); });
     displayLink_->start();
 }
 

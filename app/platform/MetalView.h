@@ -13,8 +13,10 @@
 
 #include "app/CommandLine.h"
 #include "app/DisplayTimer.h"
+#include "app/DynamicResolution.h"
 #include "app/MainThreadQueue.h"
 #include "app/RenderViewLogic.h"
+#include "app/platform/AuthorMode.h"
 #include "audio/audio.h"
 #include "content/DemoArchive.h"
 #include "content/DemoManifest.h"
@@ -32,7 +34,7 @@ struct ViewFrame {
     double height = 0.0;
 };
 
-class MetalView final : public RenderViewLogic {
+class MetalView final : public RenderViewLogic, private AuthorModeHost {
 public:
     // Stage A of the launch: GPU device and surface, the show (demo.dat from the bundle, or SHOW
     // from the command line), demo.ini, renderer, first drawable size. `hostWindow` is the
@@ -49,6 +51,8 @@ public:
     void viewDidMoveToWindow(SDL_Window* window);
     // The window's client area changed size, in points.
     void setFrameSize(double width, double height);
+    // The render scale's controller under --scale auto; null otherwise.
+    const DynamicResolution* dynamicResolution() const { return dynamicResolution_.get(); }
 
 protected:
     bool windowIsFullScreen() const override;
@@ -83,6 +87,19 @@ protected:
     void stopAndReleaseDisplayTimer() override;
 
 private:
+    // Author mode's music transport and view (a show directory only).
+    bool pauseMusic() override;
+    bool resumeMusic() override;
+    bool seekMusic(double seconds) override;
+    double musicSeconds() override;
+    bool musicDone() override;
+    bool adoptShow(std::shared_ptr<const DemoArchive> archive, const DemoManifest& manifest) override;
+    float musicDurationSeconds() const override { return showDurationSeconds(); }
+    float musicEndSeconds() const override { return renderEndSeconds(); }
+    void setWindowTitle(const std::string& title) override;
+    std::uint64_t framesDrawn() const override { return counters().drawn; }
+    std::uint64_t displayTicks() const override { return counters().ticks.load(); }
+
     // The renderer keeps its device and surface alive as long as it lives, as a GPU renderer
     // holds strong references to them: the view may release its own references first.
     struct RendererRelease {
@@ -105,10 +122,13 @@ private:
     std::shared_ptr<const DemoArchive> archive_;
     DemoManifest manifest_;
     std::unique_ptr<DisplayTimer> displayLink_;
+    std::unique_ptr<DynamicResolution> dynamicResolution_;  // --scale auto only
     pelora::gamedev::core::audio_song audioSong_{};
     pelora::gamedev::core::audio_player* audioPlayer_ = nullptr;
     std::shared_ptr<gpu::Device> _device;
     std::shared_ptr<gpu::Surface> _metalLayer;
+    // Author mode, when SHOW is a directory. Goes first: its watcher's thread uses the renderer.
+    std::unique_ptr<AuthorMode> author_;
 };
 
 } // namespace brisvale

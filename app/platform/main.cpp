@@ -86,8 +86,9 @@ void handleEvent(const SDL_Event& event, Application& application, AppDelegate& 
     }
 }
 
-// --frame-pump-stats, for bench/app/frame_pump.sh: one line at exit with the share of display
-// ticks that became frames and the main thread's processor time per frame.
+// --frame-pump-stats, for bench/app/frame_pump.sh: two lines at exit, the share of display ticks
+// that became frames and the main thread's processor time per frame; then frames per second and,
+// under --scale auto, the render scales the frames were drawn at.
 void reportFramePump(const AppDelegate& delegate) {
     const MetalView* view = delegate.contentView();
     if (view == nullptr) {
@@ -105,6 +106,21 @@ void reportFramePump(const AppDelegate& delegate) {
                  ticks, static_cast<unsigned long long>(c.queued.load()), drawn, ticks > 0 ? drawn / ticks : 0.0,
                  drawn > 0 ? mainCpuMs / drawn : 0.0,
                  drawn > 0 ? std::chrono::duration<double, std::milli>(c.frameCpu).count() / drawn : 0.0, mainCpuMs);
+    // Frames per second from the first frame to the last, and where --scale auto put them.
+    const double drawing = std::chrono::duration<double>(c.lastDrawnAt - c.firstDrawnAt).count();
+    std::fprintf(stderr, "frame pump: frames per second %.1f", drawing > 0 ? (drawn - 1) / drawing : 0.0);
+    if (const DynamicResolution* scale = view->dynamicResolution()) {
+        std::fprintf(stderr, ", render scale %.2f, %llu changes, frames per scale", scale->scale(),
+                     static_cast<unsigned long long>(scale->changes()));
+        for (int step = 0; step < DynamicResolution::kSteps; ++step) {
+            const std::uint64_t frames = scale->framesPerStep()[static_cast<std::size_t>(step)];
+            if (frames > 0) {
+                std::fprintf(stderr, " %.2f:%llu", DynamicResolution::scaleOfStep(step),
+                             static_cast<unsigned long long>(frames));
+            }
+        }
+    }
+    std::fputc('\n', stderr);
 }
 
 int runApplication(const PlayerOptions& options) {

@@ -151,6 +151,17 @@ void CommandBuffer::drawIndirect(const Buffer& arguments) {
     vkCmdDrawIndirect(commands_, arguments.handle(), 0, 1, sizeof(VkDrawIndirectCommand));
 }
 
+void CommandBuffer::stretch(const Texture& source, const Texture& destination) {
+    VkImageBlit region{};
+    region.srcSubresource = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 0, 1};
+    region.srcOffsets[1] = {static_cast<std::int32_t>(source.width()), static_cast<std::int32_t>(source.height()), 1};
+    region.dstSubresource = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 0, 1};
+    region.dstOffsets[1] = {static_cast<std::int32_t>(destination.width()),
+                            static_cast<std::int32_t>(destination.height()), 1};
+    vkCmdBlitImage(commands_, source.image(), VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL, destination.image(),
+                   VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL, 1, &region, VK_FILTER_LINEAR);
+}
+
 void CommandBuffer::memoryBarrier(VkPipelineStageFlags2 srcStage, VkAccessFlags2 srcAccess,
                                   VkPipelineStageFlags2 dstStage, VkAccessFlags2 dstAccess) {
     gpu::memoryBarrier(commands_, srcStage, srcAccess, dstStage, dstAccess);

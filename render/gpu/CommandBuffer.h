@@ -69,6 +69,10 @@ public:
     void draw(std::uint32_t vertexCount);
     void drawIndirect(const Buffer& arguments);
 
+    // Linear-filtered blit of the whole of `source` (TRANSFER_SRC_OPTIMAL) over the whole of
+    // `destination` (TRANSFER_DST_OPTIMAL), whatever their sizes.
+    void stretch(const Texture& source, const Texture& destination);
+
     // Recording.h's barriers, on this command buffer.
     void memoryBarrier(VkPipelineStageFlags2 srcStage, VkAccessFlags2 srcAccess, VkPipelineStageFlags2 dstStage,
                        VkAccessFlags2 dstAccess);

@@ -18,7 +18,9 @@ TextureDescription drawableDescription(VkFormat format, std::uint32_t width, std
     description.format = format;
     description.width = width;
     description.height = height;
-    description.usage = VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT | VK_IMAGE_USAGE_TRANSFER_SRC_BIT | VK_IMAGE_USAGE_SAMPLED_BIT;
+    // A blit destination too: a picture rendered below the drawable's size is stretched onto it.
+    description.usage = VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT | VK_IMAGE_USAGE_TRANSFER_SRC_BIT |
+                        VK_IMAGE_USAGE_TRANSFER_DST_BIT | VK_IMAGE_USAGE_SAMPLED_BIT;
     return description;
 }
 

@@ -16,7 +16,7 @@ class CommandBuffer;
 class Texture;
 
 struct Drawable {
-    const Texture* texture = nullptr;          // colour target; contents undefined on arrival
+    const Texture* texture = nullptr;          // colour target and blit destination; contents undefined on arrival
     std::shared_ptr<const void> keepAlive;     // hold while a frame that draws into it is in flight
     std::uint32_t index = 0;                   // the surface's own
     VkSemaphore wait = VK_NULL_HANDLE;         // the submission waits on it (at waitStage)
@@ -41,6 +41,13 @@ public:
     void encodeBegin(CommandBuffer& commands, const Drawable& drawable) const;
     // Records the surface's work after the last pass (the drawable is a colour attachment then).
     virtual void encodePresent(CommandBuffer& commands, const Drawable& drawable) = 0;
+    // Instead of encodePresent, for a frame drawn smaller than the drawable into `picture` (in
+    // TRANSFER_SRC_OPTIMAL, held by the caller until the frame completes): the picture is
+    // presented stretched over the drawable's area with linear filtering. By default it is
+    // stretched onto the drawable, which then goes on as in encodePresent; a surface that
+    // stretches its drawables anyway (a window's) stretches the picture instead, and may keep it.
+    virtual void encodePresentScaled(CommandBuffer& commands, const Drawable& drawable,
+                                     std::shared_ptr<const Texture> picture);
     // After the frame's submission: hands the drawable to presentation.
     virtual void present(const Drawable& drawable) = 0;
     // Instead of present when the frame was not submitted (the submission failed, or encoding
@@ -48,5 +55,9 @@ public:
     // still get one. Never throws.
     virtual void giveBack(const Drawable& drawable) = 0;
 };
+
+// Stretches `picture` (TRANSFER_SRC_OPTIMAL) over the whole drawable, with linear filtering. The
+// drawable is a colour attachment before and after.
+void stretchOntoDrawable(CommandBuffer& commands, const Texture& picture, const Drawable& drawable);
 
 } // namespace brisvale::gpu

@@ -1,7 +1,8 @@
 // A swapchain on an SDL2 window, as a Surface.
 //
 // Each swapchain image has a colour target of the drawable size beside it; the renderer draws
-// into the target and the frame ends with a blit (stretch) onto the swapchain image. The
+// into the target and the frame ends with a blit (stretch) onto the swapchain image. A frame
+// drawn smaller than the drawable is stretched onto the swapchain image straight away. The
 // swapchain is recreated when it is out of date, suboptimal or the window's size has changed.
 // An image whose frame was not submitted is given back with a small submission of its own.
 //
@@ -58,6 +59,8 @@ public:
 
     bool nextDrawable(Drawable& drawable) override;
     void encodePresent(CommandBuffer& commands, const Drawable& drawable) override;
+    void encodePresentScaled(CommandBuffer& commands, const Drawable& drawable,
+                             std::shared_ptr<const Texture> picture) override;
     void present(const Drawable& drawable) override;
     void giveBack(const Drawable& drawable) override;
 
@@ -80,11 +83,12 @@ private:
     VkExtent2D extent_{0, 0};
     std::vector<VkImage> images_;
     std::vector<std::shared_ptr<Texture>> targets_;            // drawable-size colour target per image
+    std::vector<std::shared_ptr<const Texture>> pictures_;     // per image: what its frame stretched onto it
     std::vector<std::unique_ptr<Semaphore>> acquired_;         // the acquisition each image last waited on
     std::vector<std::unique_ptr<Semaphore>> renderFinished_;   // per image: frame done, may present
     std::vector<std::unique_ptr<CommandBuffer>> giveBack_;     // per image: presents it without a frame
     std::unique_ptr<Semaphore> spare_;                         // free for the next acquisition
-    std::shared_ptr<Texture> lastPicture_;                     // the target of the last presented frame
+    std::shared_ptr<const Texture> lastPicture_;               // the picture of the last presented frame
     bool outOfDate_ = true;
 };
 
@@ -101,6 +105,7 @@ bool WindowSurface::windowExtentChanged() const {
 
 void WindowSurface::destroySwapchain() {
     targets_.clear();
+    pictures_.clear();
     giveBack_.clear();
     acquired_.clear();
     renderFinished_.clear();
@@ -175,6 +180,7 @@ bool WindowSurface::recreateSwapchain() {
     images_.resize(count);
     vkGetSwapchainImagesKHR(device_.handle(), swapchain_, &count, images_.data());
     targets_.resize(count);
+    pictures_.resize(count);
     for (std::uint32_t i = 0; i < count; ++i) {
         acquired_.push_back(std::make_unique<Semaphore>(device_));
         renderFinished_.push_back(std::make_unique<Semaphore>(device_));
@@ -217,7 +223,7 @@ bool WindowSurface::nextDrawable(Drawable& drawable) {
         description.width = drawableWidth_;
         description.height = drawableHeight_;
         description.usage = VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT | VK_IMAGE_USAGE_TRANSFER_SRC_BIT |
-                            VK_IMAGE_USAGE_SAMPLED_BIT;
+                            VK_IMAGE_USAGE_TRANSFER_DST_BIT | VK_IMAGE_USAGE_SAMPLED_BIT;
         // Frames in flight keep the old one alive. A target that cannot be made now is a frame
         // without a drawable.
         try {
@@ -246,6 +252,15 @@ void WindowSurface::encodePresent(CommandBuffer& commands, const Drawable& drawa
                           VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT, VK_PIPELINE_STAGE_2_BLIT_BIT,
                           VK_ACCESS_2_TRANSFER_READ_BIT);
     blitOntoImage(commands.handle(), drawable.texture, images_[drawable.index]);
+    pictures_[drawable.index] = targets_[drawable.index];
+}
+
+void WindowSurface::encodePresentScaled(CommandBuffer& commands, const Drawable& drawable,
+                                        std::shared_ptr<const Texture> picture) {
+    // The picture is left as a transfer source after its frame, so a frame given back later can
+    // show it again.
+    blitOntoImage(commands.handle(), picture.get(), images_[drawable.index]);
+    pictures_[drawable.index] = std::move(picture);
 }
 
 // Stretches `source` (in TRANSFER_SRC_OPTIMAL) over the swapchain image and leaves the image
@@ -277,7 +292,7 @@ void WindowSurface::blitOntoImage(VkCommandBuffer cmd, const Texture* source, Vk
 }
 
 void WindowSurface::present(const Drawable& drawable) {
-    lastPicture_ = targets_[drawable.index];
+    lastPicture_ = pictures_[drawable.index];
     queuePresent(drawable);
 }
 
@@ -304,6 +319,8 @@ void WindowSurface::giveBack(const Drawable& drawable) {
         outOfDate_ = true;  // a new swapchain before the next frame releases every image of this one
         return;
     }
+    // Held until the image comes back, by which time the submission that reads it has completed.
+    pictures_[drawable.index] = lastPicture_;
     queuePresent(drawable);
 }
 

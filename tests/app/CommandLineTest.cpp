@@ -121,6 +121,30 @@ TEST(CommandLine, RefusedCommandLinesSayWhy) {
     }
 }
 
+// The picture is rendered exactly without arguments; with any, at a scale picked frame by frame
+// unless --scale fixes one.
+TEST(CommandLine, ScaleIsExactWithoutArgumentsAutomaticWithAnyAndFixedWhenGiven) {
+    EXPECT_FALSE(parse({}).renderScale.automatic);
+    EXPECT_EQ(parse({}).renderScale.fixed, 1.0f);
+    EXPECT_TRUE(parse({"demo.dat"}).renderScale.automatic);
+    EXPECT_TRUE(parse({"--windowed"}).renderScale.automatic);
+    EXPECT_TRUE(parse({"--scale", "0.5", "--scale=auto"}).renderScale.automatic);
+    for (const float fixed : {0.25f, 0.5f, 0.8f, 1.0f}) {
+        const RenderScale scale = parse({"--scale", std::to_string(fixed), "demo.dat"}).renderScale;
+        EXPECT_FALSE(scale.automatic) << fixed;
+        EXPECT_EQ(scale.fixed, fixed);
+    }
+    for (const char* refused : {"0.2", "1.01", "0", "-0.5", "nan", "inf", "Auto", "half", "0.5x", ""}) {
+        try {
+            parse({"--scale", refused});
+            ADD_FAILURE() << "accepted: " << refused;
+        } catch (const CommandLineError& e) {
+            EXPECT_EQ(std::string(e.what()),
+                      "--scale wants auto or a fraction from 0.25 to 1, not '" + std::string(refused) + "'");
+        }
+    }
+}
+
 // --help is the manual page's source: every option it describes is one the parser takes and the
 // usage line names.
 TEST(CommandLine, EveryOptionTheHelpDescribesIsTakenAndInTheUsageLine) {
@@ -140,6 +164,14 @@ TEST(CommandLine, EveryOptionTheHelpDescribesIsTakenAndInTheUsageLine) {
         ++described;
     }
     EXPECT_GE(described, 6);
+}
+
+TEST(CommandLine, TimingsIsAnAuthorModeSwitchOfItsOwn) {
+    EXPECT_FALSE(parse({"shows/dir"}).timings);
+    const PlayerOptions timed = parse({"--timings", "shows/dir"});
+    EXPECT_TRUE(timed.timings);
+    EXPECT_EQ(fieldsOf(timed),
+              "show 2 'shows/dir' windowed 1 start 0 validation 0 stats 0 help 0 version 0 arguments 1");
 }
 
 } // namespace

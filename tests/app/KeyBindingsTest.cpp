@@ -50,5 +50,46 @@ TEST(MenuKeyEquivalents, WithoutCommandTheMenuTakesNothing) {
     EXPECT_EQ(menuKeyEquivalentFor(key(KeyCode::Other, true, "f")), KeyAction::PassOn);
 }
 
+// Author mode's keys come after the view's table: it must pass them on, and they act only then.
+TEST(AuthorKeys, EachKeyItsCommandAndTheViewPassesThemOn) {
+    struct Case {
+        KeyPress key;
+        AuthorAction action;
+        double seconds;
+        int frames;
+    };
+    const Case cases[] = {
+        {{KeyCode::Other, false, " "}, AuthorAction::TogglePause, 0.0, 0},
+        {{KeyCode::Left, false, ""}, AuthorAction::Move, -5.0, 0},
+        {{KeyCode::Right, false, ""}, AuthorAction::Move, 5.0, 0},
+        {{KeyCode::Left, false, "", true}, AuthorAction::Move, -1.0, 0},
+        {{KeyCode::Right, false, "", true}, AuthorAction::Move, 1.0, 0},
+        {{KeyCode::Other, false, ","}, AuthorAction::StepFrames, 0.0, -1},
+        {{KeyCode::Other, false, ".", true}, AuthorAction::StepFrames, 0.0, 1},
+        {{KeyCode::Home, false, ""}, AuthorAction::GoToStart, 0.0, 0},
+        {{KeyCode::Other, false, "h"}, AuthorAction::ToggleStatus, 0.0, 0},
+        {{KeyCode::Other, false, "H", true}, AuthorAction::ToggleStatus, 0.0, 0},
+    };
+    for (const Case& c : cases) {
+        const AuthorCommand command = authorCommandFor(c.key);
+        EXPECT_EQ(command.action, c.action) << c.key.charactersIgnoringModifiers;
+        EXPECT_EQ(command.seconds, c.seconds) << c.key.charactersIgnoringModifiers;
+        EXPECT_EQ(command.frames, c.frames) << c.key.charactersIgnoringModifiers;
+        EXPECT_EQ(keyActionFor(c.key), KeyAction::PassOn);
+        EXPECT_EQ(menuKeyEquivalentFor(c.key), KeyAction::PassOn);
+    }
+}
+
+TEST(AuthorKeys, CommandAndOtherKeysDoNothing) {
+    EXPECT_EQ(authorCommandFor(key(KeyCode::Left, true, "")).action, AuthorAction::None);
+    EXPECT_EQ(authorCommandFor(key(KeyCode::Other, true, " ")).action, AuthorAction::None);
+    EXPECT_EQ(authorCommandFor(key(KeyCode::Other, false, "g")).action, AuthorAction::None);
+    EXPECT_EQ(authorCommandFor(key(KeyCode::Return, false, "\r")).action, AuthorAction::None);
+    EXPECT_EQ(authorCommandFor(key(KeyCode::Other, false, "")).action, AuthorAction::None);
+    // The view's own keys stay the view's.
+    EXPECT_EQ(authorCommandFor(key(KeyCode::Other, false, "f")).action, AuthorAction::None);
+    EXPECT_EQ(authorCommandFor(key(KeyCode::Escape, false, "\x1b")).action, AuthorAction::None);
+}
+
 } // namespace
 } // namespace brisvale

@@ -9,9 +9,12 @@
 #include <algorithm>
 #include <cctype>
 #include <chrono>
+#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -111,9 +114,11 @@ protected:
         run.out = bundle.dir() / "stdout.txt";
         run.err = bundle.dir() / "stderr.txt";
         run.started = Clock::now();
+        // With arguments the player keeps a pipeline cache: in the bundle, not the user's home.
         std::map<std::string, std::string> env{{"SDL_AUDIODRIVER", "dummy"},
                                                {"VK_INSTANCE_LAYERS", "VK_LAYER_KHRONOS_validation"},
-                                               {"VK_ICD_FILENAMES", "/usr/share/vulkan/icd.d/lvp_icd.x86_64.json"}};
+                                               {"VK_ICD_FILENAMES", "/usr/share/vulkan/icd.d/lvp_icd.x86_64.json"},
+                                               {"XDG_CACHE_HOME", (bundle.dir() / "cache").string()}};
         for (const auto& [name, value] : extraEnv) env[name] = value;
         std::vector<std::string> argv{bundle.player().string()};
         argv.insert(argv.end(), arguments.begin(), arguments.end());
@@ -177,6 +182,7 @@ TEST_F(PlayerE2E, AOneSecondShowGoesFullScreenRendersAndEndsByItself) {
     EXPECT_GE(afterFullScreen, 4.75 - 0.5);
     EXPECT_LE(afterFullScreen, 4.75 + 2.5) << "on a machine this loaded the margin may be too small";
     EXPECT_EQ(run.stderrText(), "");
+    EXPECT_FALSE(fs::exists(bundle.dir() / "cache" / "brisvale")) << "a player without arguments kept a cache";
 }
 
 // A desktop with panels, tiling or scaling grants full screen at a size other than the display's,
@@ -489,6 +495,261 @@ TEST_F(PlayerE2E, WindowedFromALaterStartShowsThatTimeAndEndsOnTime) {
     EXPECT_GE(afterShown, 3.75 - 0.5);
     EXPECT_LE(afterShown, 3.75 + 2.5) << "on a machine this loaded the margin may be too small";
     EXPECT_EQ(run.stderrText(), "");
+}
+
+// ---------------------------------------------------------------------------------------------
+// Author mode: a show directory played live
+
+// The author's show. The left third's red is the show time over 32 s, the middle third's green
+// the version in an included file, the right third the first image.
+constexpr const char* kAuthorShader = R"(layout(push_constant, std430) uniform Frame {
+    vec2 resolution; float timeSeconds; float deltaSeconds;
+    float showDurationSeconds; float renderEndSeconds; uint vertexCapacity; uint imageCount;
+    uint passIndex; uint passReserved0; uint passReserved1; uint passReserved2;
+} frame;
+layout(std430, set = 0, binding = 1) buffer DrawArguments {
+    uint vertexCount; uint instanceCount; uint firstVertex; uint firstInstance;
+} drawArgs;
+layout(std430, set = 0, binding = 2) buffer GeometryRequest {
+    uint ownWord0; uint requestedVertexCount; uint overflowFlag; uint ownWord3;
+} request;
+layout(set = 0, binding = 3) uniform sampler2DArray images;
+#include "version.glsl"
+
+#ifdef BRISVALE_COMPUTE
+layout(local_size_x = 64) in;
+void scene_compute() {
+    if (gl_GlobalInvocationID.x == 0u) {
+        drawArgs.vertexCount = 0u; drawArgs.instanceCount = 0u; drawArgs.firstVertex = 0u; drawArgs.firstInstance = 0u;
+        request.requestedVertexCount = 0u; request.overflowFlag = 0u;
+    }
+}
+#endif
+#ifdef BRISVALE_VERTEX
+layout(location = 0) out vec2 quadUv;
+void scene_vertex() {
+    vec2 uv = vec2(float(gl_VertexIndex & 1), float((gl_VertexIndex >> 1) & 1));
+    gl_Position = vec4(uv.x * 2.0 - 1.0, 1.0 - uv.y * 2.0, 0.0, 1.0);
+    quadUv = uv;
+}
+#endif
+#ifdef BRISVALE_FRAGMENT
+layout(location = 0) in vec2 quadUv;
+layout(location = 0) out vec4 outColour;
+void scene_fragment() {
+    if (quadUv.x < 1.0 / 3.0) {
+        outColour = vec4(clamp(frame.timeSeconds / 32.0, 0.0, 1.0), 0.0, 0.0, 1.0);
+    } else if (quadUv.x < 2.0 / 3.0) {
+        outColour = vec4(0.0, kVersion, 0.0, 1.0);
+    } else {
+        outColour = vec4(texture(images, vec3(quadUv, 0.0)).rgb, 1.0);
+    }
+}
+#endif
+)";
+
+std::string versionSource(const std::string& line2, const std::string& line3 = "") {
+    return "// The version, edited by the test.\n" + line2 + "\n" + line3 + "\n";
+}
+
+int timeRed(double seconds) { return static_cast<int>(std::min(seconds / 32.0, 1.0) * 255.0 + 0.5); }
+
+// As editors save: a temporary file beside the file, renamed over it.
+void saveLikeAnEditor(const fs::path& file, const std::vector<std::uint8_t>& bytes) {
+    const fs::path temporary = file.parent_path() / ("." + file.filename().string() + ".tmp");
+    {
+        std::ofstream out(temporary, std::ios::binary);
+        out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    }
+    fs::rename(temporary, file);
+}
+
+// A 64 x 64 PNG of one colour, made by ffmpeg.
+std::vector<std::uint8_t> pngOfColour(const fs::path& dir, const std::string& colour) {
+    const fs::path path = dir / ("colour-" + colour + ".png");
+    int status = 0;
+    shell("ffmpeg -nostdin -v error -y -f lavfi -i color=c=" + colour + ":s=64x64 -frames:v 1 '" + path.string() + "'",
+          &status);
+    if (status != 0) throw std::runtime_error("ffmpeg failed");
+    return readBytes(path);
+}
+
+class AuthorMode : public PlayerE2E {
+protected:
+    // The pixels of the three thirds of the window's drawable, and one in the corner where the
+    // text over the picture has its box (left of the text, so never on a letter).
+    struct Thirds {
+        Screenshot::Pixel time, version, image, corner;
+    };
+    Thirds look() const {
+        const Screenshot shot = x_->screenshot();
+        return {shot.at(w_.x + 200, w_.y + 400), shot.at(w_.x + 640, w_.y + 400), shot.at(w_.x + 1060, w_.y + 400),
+                shot.at(w_.x + 12, w_.y + 20)};
+    }
+    // Seconds until `seen` holds for a screenshot, polling for up to `limit`; nullopt if never.
+    template <typename Seen>
+    std::optional<double> secondsUntil(Seen seen, std::chrono::seconds limit = 10s) const {
+        const auto from = Clock::now();
+        while (Clock::now() - from < limit) {
+            if (seen(look())) return std::chrono::duration<double>(Clock::now() - from).count();
+            std::this_thread::sleep_for(50ms);
+        }
+        return std::nullopt;
+    }
+    bool stderrSays(PlayerRun& run, const std::string& text, std::chrono::seconds limit = 10s) const {
+        const auto deadline = Clock::now() + limit;
+        while (Clock::now() < deadline) {
+            if (run.stderrText().find(text) != std::string::npos) return true;
+            std::this_thread::sleep_for(50ms);
+        }
+        return false;
+    }
+    // The time the picture shows, held still by a pause: read twice, a moment apart, alike.
+    double heldSeconds() const {
+        const int red = look().time.r;
+        std::this_thread::sleep_for(200ms);
+        EXPECT_EQ(look().time.r, red) << "the picture moves while paused";
+        return red / 255.0 * 32.0;
+    }
+
+    std::unique_ptr<X11Session> x_;
+    WindowInfo w_;
+};
+
+TEST_F(AuthorMode, AShowDirectoryPlaysLiveThroughEditsAndMovesThroughTime) {
+    x_ = std::make_unique<X11Session>(/*withWindowManager=*/true);
+    Bundle bundle;
+
+    // A directory without demo.ini is no show: one line, and no window.
+    fs::create_directories(bundle.dir() / "empty");
+    PlayerRun refused = startWith(bundle, {(bundle.dir() / "empty").string()});
+    const auto refusedStatus = refused.process.waitFor(20s);
+    ASSERT_TRUE(refusedStatus);
+    EXPECT_EQ(*refusedStatus, 1);
+    EXPECT_EQ(refused.stderrText(),
+              "Launch failed: No demo.ini in show directory: " + (bundle.dir() / "empty").string() + "\n");
+
+    const fs::path show = bundle.dir() / "show";
+    fs::create_directories(show / "shaders");
+    fs::create_directories(show / "images");
+    fs::create_directories(show / "music");
+    auto write = [&](const std::string& path, const std::vector<std::uint8_t>& bytes) {
+        std::ofstream out(show / path, std::ios::binary);
+        out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    };
+    write("demo.ini", bytesOf("demo.name = Author test show\ndemo.timeline.shader = shaders/main.glsl\n"
+                              "demo.timeline.assets = assets.txt\ndemo.timeline.audio = music/song.flac\n"));
+    write("assets.txt", bytesOf("image.0.path = images/tile.png\n"));
+    write("shaders/main.glsl", bytesOf(kAuthorShader));
+    write("shaders/version.glsl", bytesOf(versionSource("const float kVersion = 0.2;")));
+    write("images/tile.png", Bundle::testShow().at("images/tile.png"));
+    write("music/song.flac", flacSong(bundle.dir(), 20));  // the show ends at 23.75 s
+
+    PlayerRun run = startWith(bundle, {"--start", "12", show.string()});
+    const auto shownAt = Clock::now();
+    std::optional<WindowInfo> window;
+    while (Clock::now() - shownAt < 30s && run.process.running()) {
+        window = x_->windowTitled(kTitle);
+        if (window && window->viewable && window->width == 1280) break;
+        std::this_thread::sleep_for(20ms);
+    }
+    ASSERT_TRUE(window && window->viewable && window->width == 1280) << run.stderrText();
+    w_ = *window;
+    ASSERT_TRUE(secondsUntil([](const Thirds& t) { return t.version.g > 40; })) << run.stderrText();
+    Thirds first = look();
+    expectNear(first.version, 0, 51, 0);
+    expectNear(first.image, 0x20, 0x40, 0xff);
+
+    // Space pauses at the time --start began from and more; the title says so.
+    x_->key("space");
+    std::this_thread::sleep_for(400ms);
+    const double paused = heldSeconds();
+    EXPECT_GE(paused, 12.0 - 0.2);
+    EXPECT_LE(paused, 12.0 + std::chrono::duration<double>(Clock::now() - shownAt).count());
+    EXPECT_NE(x_->windowTitled(kTitle)->title.find("paused"), std::string::npos) << x_->windowTitled(kTitle)->title;
+
+    // An edit of an included file shows within 2 s, the show time held where it was.
+    saveLikeAnEditor(show / "shaders/version.glsl", bytesOf(versionSource("const float kVersion = 0.8;")));
+    auto took = secondsUntil([](const Thirds& t) { return std::abs(t.version.g - 204) <= 3; });
+    ASSERT_TRUE(took) << run.stderrText();
+    EXPECT_LE(*took, 2.0) << "the edit took long to show";
+    EXPECT_TRUE(stderrSays(run, "Reloaded shaders/version.glsl in ")) << run.stderrText();
+    EXPECT_NEAR(look().time.r, timeRed(paused), 1);
+
+    // A broken edit names the file on disk and its line; the last good shaders keep drawing,
+    // and the error stays over the picture (the dark box in the corner) until it is fixed.
+    saveLikeAnEditor(show / "shaders/version.glsl",
+                     bytesOf(versionSource("const float kVersion = 0.5;", "const float kBroken = undefinedThing;")));
+    EXPECT_TRUE(stderrSays(run, (show / "shaders/version.glsl").string() + ":3: 'undefinedThing'")) << run.stderrText();
+    std::this_thread::sleep_for(300ms);
+    Thirds broken = look();
+    expectNear(broken.version, 0, 204, 0);
+    EXPECT_LT(broken.corner.r, look().time.r - 20) << "no error over the picture";
+
+    // Deleted, then turned into 20 MB of binary: errors, and the show plays on.
+    fs::remove(show / "shaders/version.glsl");
+    EXPECT_TRUE(stderrSays(run, "Missing file in demo archive: shaders/version.glsl")) << run.stderrText();
+    std::vector<std::uint8_t> binary(20 << 20);
+    for (std::size_t i = 0; i < binary.size(); ++i) {
+        binary[i] = static_cast<std::uint8_t>(1 + (i * 2654435761u >> 7) % 255);  // no NUL: the decoder reads it all
+    }
+    saveLikeAnEditor(show / "shaders/version.glsl", binary);
+    EXPECT_TRUE(stderrSays(run, "Failed to decode Metal shader source: shaders/version.glsl")) << run.stderrText();
+    expectNear(look().version, 0, 204, 0);
+
+    // Fixed: the new version shows and the error goes.
+    saveLikeAnEditor(show / "shaders/version.glsl", bytesOf(versionSource("const float kVersion = 0.5;")));
+    took = secondsUntil([](const Thirds& t) { return std::abs(t.version.g - 128) <= 3; });
+    ASSERT_TRUE(took) << run.stderrText();
+    EXPECT_LE(*took, 2.0);
+    EXPECT_TRUE(secondsUntil([](const Thirds& t) { return std::abs(t.corner.r - t.time.r) <= 2; }))
+        << "the error stayed over the picture";
+
+    // A replaced image.
+    saveLikeAnEditor(show / "images/tile.png", pngOfColour(bundle.dir(), "0xff8000"));
+    took = secondsUntil([](const Thirds& t) { return t.image.r > 240 && t.image.b < 15; });
+    ASSERT_TRUE(took) << run.stderrText();
+    EXPECT_LE(*took, 2.0);
+    expectNear(look().image, 0xff, 0x80, 0x00);
+
+    // H shows the status line over the picture, and hides it again.
+    x_->key("h");
+    EXPECT_TRUE(secondsUntil([](const Thirds& t) { return t.corner.r < t.time.r - 20; })) << "no status line";
+    x_->key("h");
+    EXPECT_TRUE(secondsUntil([](const Thirds& t) { return std::abs(t.corner.r - t.time.r) <= 2; }));
+
+    // Right moves the paused show 5 s on, Shift+Right 1 s, Home back to 0.
+    x_->key("Right");
+    EXPECT_TRUE(secondsUntil([&](const Thirds& t) { return std::abs(t.time.r - timeRed(paused + 5)) <= 1; }))
+        << look().time.r << " for " << timeRed(paused + 5);
+    x_->key("shift+Right");
+    EXPECT_TRUE(secondsUntil([&](const Thirds& t) { return std::abs(t.time.r - timeRed(paused + 6)) <= 1; }))
+        << look().time.r << " for " << timeRed(paused + 6);
+    x_->key("Home");
+    EXPECT_TRUE(secondsUntil([](const Thirds& t) { return t.time.r == 0; })) << look().time.r;
+
+    // Played on to the end (Right past it), the last frame holds and the player stays; Home
+    // starts the show again.
+    x_->key("space");
+    for (int i = 0; i < 5; ++i) x_->key("Right");
+    EXPECT_TRUE(secondsUntil([](const Thirds& t) { return t.time.r >= timeRed(23.75); })) << look().time.r;
+    const int end = look().time.r;
+    EXPECT_LE(end, timeRed(23.75 + 1.0)) << "the end held late";
+    std::this_thread::sleep_for(1s);
+    EXPECT_TRUE(run.process.running()) << "the show quit at its end";
+    EXPECT_EQ(look().time.r, end);
+    EXPECT_NE(x_->windowTitled(kTitle)->title.find("end"), std::string::npos);
+    x_->key("Home");
+    EXPECT_TRUE(secondsUntil([](const Thirds& t) { return t.time.r > 0 && t.time.r < timeRed(3.0); }))
+        << look().time.r;
+
+    x_->key("Escape");
+    const auto status = run.process.waitFor(10s);
+    ASSERT_TRUE(status);
+    EXPECT_EQ(*status, 0);
+    expectNoValidationMessages(run);
+    // The author's tools keep their compiled pipelines for the next start.
+    EXPECT_FALSE(fs::is_empty(bundle.dir() / "cache" / "brisvale"));
 }
 
 } // namespace

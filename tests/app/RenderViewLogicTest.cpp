@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "app/RenderViewLogic.h"
+#include "app/ShowTransport.h"
 
 namespace brisvale {
 namespace {
@@ -509,6 +510,46 @@ TEST(ShowStart, AnEmptyMusicFileIsNotLoadedAndLeaksNothing) {
     // malloc(0) may give a block or none; a block handed over was freed by the library.
     EXPECT_EQ(view.freedBlocks, view.handedBlock != nullptr ? 1 : 0);
     EXPECT_TRUE(view.isRenderingStarted());
+}
+
+// ---------------------------------------------------------------------------------------------
+// Time control (author mode)
+
+// A player that answers nothing: the transport keeps its own time.
+class UnansweringMusic final : public ShowMusic {
+public:
+    bool pauseMusic() override { return false; }
+    bool resumeMusic() override { return false; }
+    bool seekMusic(double) override { return false; }
+    double musicSeconds() override { return -1.0; }
+    bool musicDone() override { return true; }
+};
+
+TEST(TimeControl, TheShowHoldsItsEndInsteadOfQuittingAndItsMusicLoadsAgain) {
+    UnansweringMusic music;
+    ShowTransport transport(music, 1.0 / 60.0);
+    RecordingView view;  // a 1 s song: the show ends at 4.75 s
+    view.setTimeControl(&transport);
+    view.setShowStartSeconds(4.8);
+    view.startRendering();
+    EXPECT_TRUE(transport.started());
+    view.drawFrame();
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    view.drawFrame();
+    EXPECT_EQ(std::count(view.calls.begin(), view.calls.end(), "terminate"), 0);
+    ASSERT_EQ(view.frames.size(), 2u);
+    EXPECT_GE(view.frames[0].timeSeconds, 4.8f);
+    EXPECT_EQ(view.frames[1].timeSeconds, view.frames[0].timeSeconds);
+    EXPECT_EQ(view.frames[1].deltaSeconds, 0.0f);
+    EXPECT_EQ(view.frames[1].renderEndSeconds, 4.75f);
+    EXPECT_TRUE(transport.holdingEnd());
+
+    // The music's file changed: the old player and song go first, then the new ones come.
+    const std::size_t before = view.calls.size();
+    EXPECT_TRUE(view.reloadMusic());
+    EXPECT_EQ(callsAfter(view.calls, before),
+              (Calls{"destroyPlayer", "destroySong", "loadSong", "createPlayer", "startPlayer"}));
+    EXPECT_EQ(view.renderEndSeconds(), 4.75f);
 }
 
 TEST(Teardown, AViewThatNeverStartedTouchesNothing) {

@@ -146,7 +146,7 @@ TEST_F(WindowSurfaceTest, DrawsEveryPhaseOntoTheWindowAndFollowsItsSize) {
 
 // A frame that fails after taking a swapchain image, at its submission or by raising, gives the
 // image back: the frames after it present, none waits in vain for an image, and meanwhile the
-// window keeps the last picture.
+// window keeps the last picture, also one drawn below the window's size.
 TEST_F(WindowSurfaceTest, FailedFramesGiveTheirImagesBack) {
     auto surface = gpu::createWindowSurface(*device_, window_);
     ASSERT_NE(surface, nullptr);
@@ -186,6 +186,16 @@ TEST_F(WindowSurfaceTest, FailedFramesGiveTheirImagesBack) {
     EXPECT_TRUE(near(screenPixel(display_.name(), 200, 120), middle, 3));
     drawEachTakingAnImage(1.0f);
     EXPECT_TRUE(near(screenPixel(display_.name(), 200, 120), intro, 3));
+
+    // Drawn at half the size and stretched straight onto the window's images: failed frames
+    // show that picture again, not what the drawable itself last held.
+    renderer.setRenderScale(0.5f);
+    drawEachTakingAnImage(50.0f);
+    EXPECT_TRUE(near(screenPixel(display_.name(), 200, 120), middle, 3));
+    impl.injectedFailures = {frames, VK_SUCCESS, true};
+    for (int i = 0; i < frames; ++i) EXPECT_THROW(renderer.draw(FrameInfo{1.0f, 0.016f, 0, 0}), std::runtime_error);
+    device_->waitIdle();
+    EXPECT_TRUE(near(screenPixel(display_.name(), 200, 120), middle, 3));
     device_->completions().drain();
 }
 

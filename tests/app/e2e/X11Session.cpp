@@ -201,10 +201,9 @@ X11Session::~X11Session() {
     std::filesystem::remove(windowManagerLog_, ec);
 }
 
-std::optional<WindowInfo> X11Session::window(const std::string& title) const {
-    int status = 0;
-    const std::string out = shell("xwininfo -name '" + title + "' 2>/dev/null", &status);
-    if (status != 0) return std::nullopt;
+namespace {
+
+std::optional<WindowInfo> parseWindowInfo(const std::string& out) {
     WindowInfo info;
     std::istringstream lines(out);
     std::string line;
@@ -214,6 +213,11 @@ std::optional<WindowInfo> X11Session::window(const std::string& title) const {
         return std::atoi(line.c_str() + at + key.size());
     };
     while (std::getline(lines, line)) {
+        if (line.find("xwininfo: Window id:") != std::string::npos) {
+            const auto open = line.find('"');
+            const auto close = line.rfind('"');
+            if (open != std::string::npos && close > open) info.title = line.substr(open + 1, close - open - 1);
+        }
         if (auto v = valueAfter("Absolute upper-left X:")) info.x = *v;
         if (auto v = valueAfter("Absolute upper-left Y:")) info.y = *v;
         if (auto v = valueAfter("Width:")) info.width = *v;
@@ -221,6 +225,25 @@ std::optional<WindowInfo> X11Session::window(const std::string& title) const {
         if (line.find("Map State: IsViewable") != std::string::npos) info.viewable = true;
     }
     return info;
+}
+
+} // namespace
+
+std::optional<WindowInfo> X11Session::window(const std::string& title) const {
+    int status = 0;
+    const std::string out = shell("xwininfo -name '" + title + "' 2>/dev/null", &status);
+    if (status != 0) return std::nullopt;
+    return parseWindowInfo(out);
+}
+
+std::optional<WindowInfo> X11Session::windowTitled(const std::string& prefix) const {
+    int status = 0;
+    const std::string ids = shell("xdotool search --name '^" + prefix + "' 2>/dev/null", &status);
+    if (status != 0 || ids.empty()) return std::nullopt;
+    const std::string id = ids.substr(0, ids.find('\n'));
+    const std::string out = shell("xwininfo -id " + id + " 2>/dev/null", &status);
+    if (status != 0) return std::nullopt;
+    return parseWindowInfo(out);
 }
 
 Screenshot X11Session::screenshot() const {

@@ -61,6 +61,7 @@ struct Screenshot {
 
 // One window as xwininfo reports it.
 struct WindowInfo {
+    std::string title;
     bool viewable = false;
     int x = 0;
     int y = 0;
@@ -88,6 +89,8 @@ public:
 
     const std::string& display() const { return display_; }
     std::optional<WindowInfo> window(const std::string& title) const;
+    // The first window whose title starts with `prefix` (titles that change as a show runs).
+    std::optional<WindowInfo> windowTitled(const std::string& prefix) const;
     Screenshot screenshot() const;
     void key(const std::string& keysym) const;
 
