@@ -578,8 +578,9 @@ TEST_F(PackToolTest, CheckListsEveryProblemOfAShowAtOnce) {
                                                      "demo.timeline.audio = music/song.flac\n"
                                                      "demo.output.fps = 6O\n"
                                                      "demo.title = x\n"));
-    fs::create_directories(show / "shaders" / "lib");
+    fs::create_directories(show / "lib");
     fs::rename(show / "shaders" / "phases.glsl", show / "Quad.metal");
+    fs::copy_file(show / "shaders" / "lib" / "frame.glsl", show / "lib" / "frame.glsl");  // its include, beside it
     std::string shader = "#include \"shaders/lib/noise.glsl\"\n";
     const auto phases = readBytes((show / "Quad.metal").string());
     shader.append(phases.begin(), phases.end());
