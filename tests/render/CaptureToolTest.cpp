@@ -209,18 +209,21 @@ constexpr int kMusicRate = 44100;
 
 class CaptureTool : public ::testing::Test {
 protected:
-    // `moreIni` is appended to the show manifest (later keys win); `damageImage` breaks the
-    // image's gzip stream.
-    std::string writeShow(const ShowFiles& files, const std::string& moreIni = "", bool damageImage = false) {
-        std::vector<ArchiveFile> entries;
+    // show.dat: `files.shader` (unless left out) as scene.glsl with the shared interface, one
+    // image, `moreIni` appended to the manifest (later keys win) and `more` files; `damageImage`
+    // breaks the image's gzip stream.
+    std::string writeShow(const ShowFiles& files, const std::string& moreIni = "", bool damageImage = false,
+                          std::vector<ArchiveFile> more = {}) {
+        std::vector<ArchiveFile> entries{{"lib/frame.glsl", frameInterface()},
+                                         {"assets.txt", toBytes("image.0.path = a.png\n")},
+                                         {"demo.ini", toBytes("demo.name = T\ndemo.timeline.shader = scene.glsl\n"
+                                                              "demo.timeline.assets = assets.txt\n"
+                                                              "demo.timeline.audio = none.wav\n"
+                                                              "demo.output.width = 40\ndemo.output.height = 30\n"
+                                                              "demo.output.fps = 10\n" + moreIni)}};
         if (files.withShader) entries.push_back({"scene.glsl", toBytes(files.shader)});
-        entries.push_back({"lib/frame.glsl", frameInterface()});
-        entries.push_back({"assets.txt", toBytes("image.0.path = a.png\n")});
-        entries.push_back({"demo.ini", toBytes("demo.name = T\ndemo.timeline.shader = scene.glsl\n"
-                                               "demo.timeline.assets = assets.txt\ndemo.timeline.audio = none.wav\n"
-                                               "demo.output.width = 40\ndemo.output.height = 30\n"
-                                               "demo.output.fps = 10\n" + moreIni)});
-        entries.push_back({"a.png", solidPng(2, 2, 255, 255, 255, 255)});
+        entries.insert(entries.end(), more.begin(), more.end());
+        entries.push_back({"a.png", solidPng(2, 2, 255, 255, 255, 255)});  // last, for `damageImage`
         std::vector<std::uint8_t> bytes = writeArchive(entries, {2, damageImage ? ArchiveCompression::All
                                                                               : ArchiveCompression::Auto});
         if (damageImage) bytes[bytes.size() - 3] ^= 0x55;  // the size in the last gzip trailer
@@ -232,19 +235,10 @@ protected:
     std::string writeMovingShow() {
         const std::string song = dir_.file("song.flac");
         brisvale::test::encodeFile(song, {"flac", "flac", kMusicRate, 2, {}, {}}, music_);
-        const std::string path = dir_.file("show.dat");
-        std::vector<ArchiveFile> entries{{"scene.glsl", toBytes(kMovingShader)},
-                                         {"lib/frame.glsl", frameInterface()},
-                                         {"assets.txt", toBytes("image.0.path = a.png\n")},
-                                         {"a.png", solidPng(2, 2, 255, 255, 255, 255)},
-                                         {"song.flac", brisvale::test::readFile(song)},
-                                         {"demo.ini", toBytes("demo.timeline.shader = scene.glsl\n"
-                                                              "demo.timeline.assets = assets.txt\n"
-                                                              "demo.timeline.audio = song.flac\n"
-                                                              "demo.output.width = 64\ndemo.output.height = 48\n"
-                                                              "demo.output.fps = 10\n")}};
-        writeArchiveFile(path, entries);
-        return path;
+        ShowFiles files;
+        files.shader = kMovingShader;
+        return writeShow(files, "demo.timeline.audio = song.flac\ndemo.output.width = 64\ndemo.output.height = 48\n",
+                         false, {{"song.flac", brisvale::test::readFile(song)}});
     }
     // What is in the test's directory besides the show (no temporary files may stay behind).
     std::vector<std::string> leftOver() const {

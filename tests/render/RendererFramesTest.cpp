@@ -88,17 +88,6 @@ TEST_F(RendererFrames, TheDepthTargetIsRecreatedOnlyWhenTheDrawableSizeChanges) 
     finishFrames();
 }
 
-TEST_F(RendererFrames, AResizedDrawableStillRendersEveryPhaseCorrectly) {
-    surface_->setDrawableSize(64, 64);
-    renderer_->resize({64, 64});
-    drawAt(150.0f);
-    finishFrames();
-    const auto rgba = surface_->readbackRGBA();
-    ASSERT_EQ(rgba.size(), 64u * 64u * 4u);
-    // Rectangle B only (green at depth 0.75), then the composite quad with that depth.
-    EXPECT_TRUE(near(pixelAt(rgba, 64, 40, 30), expected(0.375f, 0.5f, 0.0f)));
-}
-
 TEST_F(RendererFrames, DestroyingTheRendererWaitsForItsFrames) {
     for (int i = 0; i < 30; ++i) drawAt(i % 2 ? 1.0f : 150.0f);
     renderer_.reset();  // frames still in flight: the validation layer would object to early frees
