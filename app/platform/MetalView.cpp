@@ -70,7 +70,11 @@ MetalView::MetalView(ViewFrame frame, SDL_Window* hostWindow, MainThreadQueue& m
         gpu::DeviceOptions deviceOptions;
         deviceOptions.instanceExtensions = surfaceInstanceExtensions(hostWindow);
         deviceOptions.validation = options.validation;
-        _device = gpu::Device::create(deviceOptions);
+        try {
+            _device = gpu::Device::create(deviceOptions);
+        } catch (const gpu::Error&) {
+            // no device: the renderer's message says so
+        }
         if (_device) {
             _metalLayer = gpu::createWindowSurface(*_device, hostWindow);
         }

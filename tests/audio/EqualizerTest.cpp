@@ -1,5 +1,11 @@
 // The equaliser's design and filtering against a double-precision reference, the band and
 // gain rules, the clamp, the untouched channels and the tap's ring.
+//
+// [SECTION] The rig and the reference
+// [SECTION] Design and settings
+// [SECTION] Filtering
+// [SECTION] The sample tap
+// [SECTION] The biquad
 
 #include <gtest/gtest.h>
 
@@ -17,6 +23,10 @@
 
 namespace pelora::gamedev::core {
 namespace {
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] The rig and the reference
+// ---------------------------------------------------------------------------------------------
 
 // A player record as create makes it (ring, mutex, flat coefficients), without an output queue:
 // the processing and the equaliser settings never touch the queue.
@@ -62,6 +72,10 @@ DoubleBiquad referenceDesign(double gainDb, double centerHz, double fs, bool lim
 }
 
 const std::array<float, 10> kGains = {-12.0f, -6.5f, 0.0f, 3.0f, 12.0f, 1.25f, -0.75f, 9.0f, -3.0f, 6.0f};
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Design and settings
+// ---------------------------------------------------------------------------------------------
 
 TEST(EqualizerDesign, SinglePrecisionCoefficientsMatchADoubleReference) {
     for (double fs : {32000.0, 44100.0, 48000.0}) {
@@ -132,6 +146,10 @@ TEST(EqualizerSettings, GainsAreClampedCountedAndResetTheFilters) {
     EXPECT_EQ(audio_player_set_equalizer(rig.p(), three, 3), -1);
     EXPECT_EQ(rig.p()->eq_gains_db[0], 0.0f) << "nothing changes on refusal";
 }
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Filtering
+// ---------------------------------------------------------------------------------------------
 
 std::vector<int16_t> randomS16(size_t n, unsigned seed) {
     std::mt19937 rng(seed);
@@ -260,6 +278,10 @@ TEST(EqualizerFiltering, ChannelsFromTheNinthOnPassUntouched) {
     EXPECT_EQ(last, sum / 10.0f);
 }
 
+// ---------------------------------------------------------------------------------------------
+// [SECTION] The sample tap
+// ---------------------------------------------------------------------------------------------
+
 TEST(SampleTap, RingKeepsTheNewestMonoSamplesOldestFirst) {
     Rig rig(48000.0, 2, false);
     std::vector<int16_t> s(10000 * 2);
@@ -304,6 +326,10 @@ TEST(SampleTap, FewerSamplesThanAskedAndNoRingMeansNoProcessing) {
     EXPECT_EQ(loud, (std::vector<float>{1.5f, 1.5f})) << "without the ring the audio plays unprocessed";
     EXPECT_EQ(audio_player_get_recent_samples(rig.p(), out.data(), 8), 0u);
 }
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] The biquad
+// ---------------------------------------------------------------------------------------------
 
 TEST(Biquad, OneSectionInTransposedDirectFormTwo) {
     // y[n] = b0 x[n] + b1 x[n-1] + b2 x[n-2] - a1 y[n-1] - a2 y[n-2]

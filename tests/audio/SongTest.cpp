@@ -1,6 +1,10 @@
 // Songs from real encoded files: formats, channel counts and rates, both load paths, exact
 // lossless samples, lengths equal to the frames decoded, sample-exact decoder seeks, tags and
 // covers, the memory block's ownership, and the failure paths.
+//
+// [SECTION] Formats, loads and seeks
+// [SECTION] Tags and covers
+// [SECTION] The memory block, the read callbacks and the failure paths
 
 #include <gtest/gtest.h>
 
@@ -25,6 +29,10 @@ namespace {
 
 using brisvale::test::EncodeRequest;
 using brisvale::test::TempDir;
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Formats, loads and seeks
+// ---------------------------------------------------------------------------------------------
 
 struct FormatCase {
     const char* name;
@@ -294,7 +302,8 @@ INSTANTIATE_TEST_SUITE_P(Formats, SongFormatTest, ::testing::ValuesIn(kFormats),
                          [](const ::testing::TestParamInfo<FormatCase>& info) { return std::string(info.param.name); });
 
 // ---------------------------------------------------------------------------------------------
-// Tags and covers
+// [SECTION] Tags and covers
+// ---------------------------------------------------------------------------------------------
 
 struct TagCase {
     const char* name;
@@ -409,7 +418,8 @@ TEST(SongTags, ArtworkKeysAreTriedInOrderAndTheFirstPresentWins) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// The memory block, the read callbacks and the failure paths
+// [SECTION] The memory block, the read callbacks and the failure paths
+// ---------------------------------------------------------------------------------------------
 
 TEST(SongMemory, ReadProcServesTheBlockAndEmptyReadsOutsideIt) {
     audio_song song{};

@@ -1,5 +1,11 @@
-// The archive reader: the container's header and directory, names, stored and gzip entries, and
-// streaming.
+// DemoArchive: loading containers and show directories (header, directory, limits, every
+// refusal with its message) and opening and streaming stored and gzip-compressed files.
+//
+// [SECTION] Load: file and header
+// [SECTION] Load: directory
+// [SECTION] Open: stored files
+// [SECTION] Open: gzip files
+
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
@@ -42,7 +48,9 @@ std::vector<std::uint8_t> oneGzipRecord(const std::vector<std::uint8_t>& gzip,
     return raw.bytes();
 }
 
-// [load: file and header] ------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Load: file and header
+// ---------------------------------------------------------------------------------------------
 
 TEST(DemoArchiveLoad, FileErrorsNameThePathAsPassed) {
     TempDir dir;
@@ -109,7 +117,9 @@ TEST(DemoArchiveLoad, OnlyVersionsOneAndTwoAreSupported) {
     }
 }
 
-// [load: directory] ------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Load: directory
+// ---------------------------------------------------------------------------------------------
 
 TEST(DemoArchiveLoad, TruncatedDirectoryFieldsAreCorrupt) {
     TempDir dir;
@@ -210,7 +220,9 @@ TEST(DemoArchiveLoad, NamesAreNormalisedAndCaseSensitive) {
     EXPECT_EQ(errorOf([&] { archive->open("a\\b.txt"); }), "Missing file in demo archive: a/b.txt");
 }
 
-// [open: stored files] ---------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Open: stored files
+// ---------------------------------------------------------------------------------------------
 
 TEST(DemoArchiveOpen, StoredFilesAreViewsWithoutCopies) {
     TempDir dir;
@@ -246,7 +258,9 @@ TEST(DemoArchiveOpen, VersionOneIgnoresWhatLooksLikeGzip) {
     EXPECT_EQ(archive->readCopy("g"), gzip);
 }
 
-// [open: gzip files] -----------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Open: gzip files
+// ---------------------------------------------------------------------------------------------
 
 TEST(DemoArchiveOpen, GzipFilesInflateOnceAndKeepTheirAddress) {
     TempDir dir;

@@ -1,6 +1,13 @@
 // compileSceneShaders: SPIR-V for all three stages, one-line compile errors, the order of
 // the missing-function messages, and SPIR-V that the Khronos validator accepts for Vulkan 1.3.
 // The sources start with the interface every show includes (show/shaders/lib/frame.glsl).
+//
+// [SECTION] Sources
+// [SECTION] A good source
+// [SECTION] Compile errors
+// [SECTION] Errors in the show's own files
+// [SECTION] Missing functions
+// [SECTION] Macro expansion
 #include <gtest/gtest.h>
 
 #include <spirv-tools/libspirv.hpp>
@@ -19,6 +26,10 @@
 
 namespace brisvale {
 namespace {
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Sources
+// ---------------------------------------------------------------------------------------------
 
 std::string readFile(const std::string& path) {
     std::ifstream in(path);
@@ -124,7 +135,9 @@ std::string spirvValidationErrors(const std::vector<std::uint32_t>& words) {
     return errors;
 }
 
-// --- A good source --------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] A good source
+// ---------------------------------------------------------------------------------------------
 
 std::string disassemble(const std::vector<std::uint32_t>& words) {
     std::string text;
@@ -174,7 +187,9 @@ TEST(ShaderCompiler, CompilesFromSeveralThreadsAtOnce) {
     for (const auto& result : results) EXPECT_EQ(result, results[0]);
 }
 
-// --- Compile errors ---------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Compile errors
+// ---------------------------------------------------------------------------------------------
 
 TEST(ShaderCompiler, SyntaxErrorGivesOneLineWithTheFirstError) {
     std::string source = shaderSource({});
@@ -221,7 +236,9 @@ TEST(ShaderCompiler, CompileErrorComesBeforeMissingFunctions) {
     EXPECT_NE(second.find("undefinedCall"), std::string::npos) << second;
 }
 
-// --- Errors in the show's own files ------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Errors in the show's own files
+// ---------------------------------------------------------------------------------------------
 
 // The expanded source of main.glsl: the good source, then an include of lib/extra.glsl.
 std::string errorThroughTheLineMap(const std::string& extra) {
@@ -252,7 +269,9 @@ TEST(ShaderCompiler, ErrorsNameTheIncludedFileAndItsLine) {
               "comment");
 }
 
-// --- Missing functions ------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Missing functions
+// ---------------------------------------------------------------------------------------------
 
 TEST(ShaderCompiler, MissingFunctionsAreReportedVertexThenFragmentThenCompute) {
     struct Case {
@@ -295,7 +314,9 @@ void scene_compute() {}
     EXPECT_EQ(errorOf(source), "Missing scene_fragment shader");
 }
 
-// --- Macro expansion ----------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Macro expansion
+// ---------------------------------------------------------------------------------------------
 
 // `depth` nested uses of `macro`, around `leaf`: D(D(D(1.0))).
 std::string nested(const std::string& macro, int depth, const std::string& leaf) {

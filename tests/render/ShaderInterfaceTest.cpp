@@ -3,6 +3,10 @@
 // file, the declarations it shows are the shared file's; the document's tables give the offsets
 // and bindings the header declares; and the SPIR-V compiled from the example with the shared
 // file carries those same offsets and bindings.
+//
+// [SECTION] The example and the shared declarations
+// [SECTION] Records: header, document table and compiled GLSL
+// [SECTION] Names shared with the compiler
 #include <gtest/gtest.h>
 
 #include <spirv-tools/libspirv.hpp>
@@ -118,7 +122,9 @@ std::string disassemble(const std::vector<std::uint32_t>& words) {
     return text;
 }
 
-// --- The example and the shared declarations ----------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] The example and the shared declarations
+// ---------------------------------------------------------------------------------------------
 
 TEST(ShaderInterfaceDocument, ExampleIsTheExampleFileAndCompiles) {
     const std::string fromDoc = exampleFromDocument();
@@ -143,7 +149,9 @@ TEST(ShaderInterfaceDocument, DeclarationsShownAreTheSharedFile) {
     EXPECT_NE(doc.find("`show/shaders/lib/frame.glsl`"), std::string::npos);
 }
 
-// --- Records: header, document table and compiled GLSL --------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Records: header, document table and compiled GLSL
+// ---------------------------------------------------------------------------------------------
 
 // The member offsets of GLSL block `block` as the compiler laid them out (std430), in order.
 std::vector<std::size_t> compiledOffsets(const std::string& block) {
@@ -234,7 +242,9 @@ TEST(ShaderInterfaceDocument, BindingsAgreeInHeaderDocumentAndCompiledShader) {
     EXPECT_NE(documentText().find(std::to_string(si::kVertexStrideBytes) + " bytes"), std::string::npos);
 }
 
-// --- Names shared with the compiler --------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Names shared with the compiler
+// ---------------------------------------------------------------------------------------------
 
 TEST(ShaderInterfaceDocument, StageMacrosAndEntryFunctionsAreDocumented) {
     const std::string& doc = documentText();

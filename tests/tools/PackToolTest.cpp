@@ -1,6 +1,12 @@
 // Runs the built brisvale-pack on real directories and containers: round trips in every layout
 // and compression mode, determinism, listing, each refusal with its exit status, the show
 // check; and the directory source, which must read a directory as the packer packs it.
+//
+// [SECTION] Round trips
+// [SECTION] Listing
+// [SECTION] Refusals
+// [SECTION] Packing what lies inside
+// [SECTION] Checking
 
 #include <gtest/gtest.h>
 
@@ -137,7 +143,9 @@ protected:
     fs::path source_;
 };
 
-// [round trips] ----------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Round trips
+// ---------------------------------------------------------------------------------------------
 
 TEST_F(PackToolTest, RoundTripsEveryLayoutAndMode) {
     const auto original = snapshot(source_);
@@ -223,7 +231,9 @@ TEST_F(PackToolTest, OutputInsideTheSourceIsNotPackedIntoItself) {
     EXPECT_FALSE(DemoArchive::load(inside)->contains("demo.dat"));
 }
 
-// [listing] --------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Listing
+// ---------------------------------------------------------------------------------------------
 
 TEST_F(PackToolTest, ListsEveryEntryAndTheTotal) {
     ASSERT_EQ(pack(scratch_, {"-o", path("demo.dat"), "--no-check", source_.string()}).status, 0);
@@ -237,7 +247,9 @@ TEST_F(PackToolTest, ListsEveryEntryAndTheTotal) {
     EXPECT_TRUE(lines[7].starts_with("total: 7 files\t")) << lines[7];
 }
 
-// [refusals] -------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Refusals
+// ---------------------------------------------------------------------------------------------
 
 TEST_F(PackToolTest, BadCommandLinesAreUsageErrors) {
     const Result help = pack(scratch_, {"--help"});
@@ -485,7 +497,9 @@ TEST_F(PackToolTest, ListingEscapesNamesAndShowsOnlyCheckedSizes) {
                           "total: 5 files\t116\t16\n");
 }
 
-// [packing what lies inside] ---------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Packing what lies inside
+// ---------------------------------------------------------------------------------------------
 
 TEST_F(PackToolTest, PacksOnlyWhatLiesInsideAndNamesWhatItSkips) {
     writeBytes(path("secret.txt"), toBytes("secret"));
@@ -540,7 +554,9 @@ TEST_F(PackToolTest, ShowDirectoriesNeedADemoIniAndFailInOneLine) {
     EXPECT_EQ(bytes, toBytes("kept"));
 }
 
-// [checking] -------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Checking
+// ---------------------------------------------------------------------------------------------
 
 // The player's test show (made at build time with real FLAC music and a PNG), with one thing
 // after another broken.
@@ -634,11 +650,9 @@ TEST_F(PackToolTest, CheckListsEveryProblemOfAShowAtOnce) {
               source_.string() + ": error: No demo.ini in show directory: " + source_.string() + "\n" +
                   source_.string() + ": 1 error, 0 warnings\n");
 
-#ifdef BRISVALE_SHOW_DEMO_DAT
     const Result defaultShow = pack(scratch_, {"--check", BRISVALE_SHOW_DEMO_DAT});
     EXPECT_EQ(defaultShow.status, 0) << defaultShow.out;
     EXPECT_EQ(defaultShow.out, std::string(BRISVALE_SHOW_DEMO_DAT) + ": no problems found\n");
-#endif
 }
 
 } // namespace

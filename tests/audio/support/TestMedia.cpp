@@ -12,11 +12,10 @@
 #include <memory>
 #include <stdexcept>
 
+#include "audio/platform/FfmpegHandles.h"
+
 extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavformat/avformat.h>
 #include <libavutil/channel_layout.h>
-#include <libswresample/swresample.h>
 }
 
 namespace brisvale::test {
@@ -30,26 +29,11 @@ void check(int rc, const char* what) {
     }
 }
 
-struct CodecFree {
-    void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
-};
-struct FrameFree {
-    void operator()(AVFrame* f) const { av_frame_free(&f); }
-};
-struct PacketFree {
-    void operator()(AVPacket* p) const { av_packet_free(&p); }
-};
-struct SwrFree {
-    void operator()(SwrContext* s) const { swr_free(&s); }
-};
-struct OutputFree {
-    void operator()(AVFormatContext* f) const {
-        if (f->pb != nullptr) {
-            avio_closep(&f->pb);
-        }
-        avformat_free_context(f);
-    }
-};
+using pelora::gamedev::core::ffmpeg::CodecContext;
+using pelora::gamedev::core::ffmpeg::Frame;
+using pelora::gamedev::core::ffmpeg::OutputFormat;
+using pelora::gamedev::core::ffmpeg::Packet;
+using pelora::gamedev::core::ffmpeg::Resampler;
 
 void drain(AVCodecContext* codec, AVFormatContext* out, AVStream* stream, AVPacket* packet) {
     for (;;) {
@@ -100,13 +84,13 @@ std::vector<uint8_t> makePng(int width, int height) {
     if (png == nullptr) {
         throw std::runtime_error("no PNG encoder");
     }
-    std::unique_ptr<AVCodecContext, CodecFree> c(avcodec_alloc_context3(png));
+    CodecContext c(avcodec_alloc_context3(png));
     c->width = width;
     c->height = height;
     c->pix_fmt = AV_PIX_FMT_RGB24;
     c->time_base = AVRational{1, 25};
     check(avcodec_open2(c.get(), png, nullptr), "open PNG encoder");
-    std::unique_ptr<AVFrame, FrameFree> frame(av_frame_alloc());
+    Frame frame(av_frame_alloc());
     frame->width = width;
     frame->height = height;
     frame->format = AV_PIX_FMT_RGB24;
@@ -118,7 +102,7 @@ std::vector<uint8_t> makePng(int width, int height) {
     }
     check(avcodec_send_frame(c.get(), frame.get()), "send PNG frame");
     check(avcodec_send_frame(c.get(), nullptr), "flush PNG");
-    std::unique_ptr<AVPacket, PacketFree> packet(av_packet_alloc());
+    Packet packet(av_packet_alloc());
     check(avcodec_receive_packet(c.get(), packet.get()), "receive PNG");
     return std::vector<uint8_t>(packet->data, packet->data + packet->size);
 }
@@ -130,13 +114,13 @@ void encodeFile(const std::string& path, const EncodeRequest& request, const std
     }
     AVFormatContext* raw = nullptr;
     check(avformat_alloc_output_context2(&raw, nullptr, request.muxer.c_str(), path.c_str()), "output context");
-    std::unique_ptr<AVFormatContext, OutputFree> out(raw);
+    OutputFormat out(raw);
     for (const auto& [key, value] : request.tags) {
         av_dict_set(&out->metadata, key.c_str(), value.c_str(), 0);
     }
 
     AVStream* stream = avformat_new_stream(out.get(), nullptr);
-    std::unique_ptr<AVCodecContext, CodecFree> codec(avcodec_alloc_context3(encoder));
+    CodecContext codec(avcodec_alloc_context3(encoder));
     av_channel_layout_default(&codec->ch_layout, request.channels);
     codec->sample_rate = request.sampleRate;
     codec->sample_fmt = encoder->sample_fmts ? encoder->sample_fmts[0] : AV_SAMPLE_FMT_S16;
@@ -187,7 +171,7 @@ void encodeFile(const std::string& path, const EncodeRequest& request, const std
         throw std::runtime_error("the muxer does not know an option");
     }
     if (picture != nullptr) {
-        std::unique_ptr<AVPacket, PacketFree> pic(av_packet_alloc());
+        Packet pic(av_packet_alloc());
         check(av_new_packet(pic.get(), static_cast<int>(request.cover.size())), "picture packet");
         std::memcpy(pic->data, request.cover.data(), request.cover.size());
         pic->stream_index = picture->index;
@@ -199,14 +183,14 @@ void encodeFile(const std::string& path, const EncodeRequest& request, const std
     check(swr_alloc_set_opts2(&swrRaw, &codec->ch_layout, codec->sample_fmt, request.sampleRate, &codec->ch_layout,
                               AV_SAMPLE_FMT_S16, request.sampleRate, 0, nullptr),
           "converter");
-    std::unique_ptr<SwrContext, SwrFree> swr(swrRaw);
+    Resampler swr(swrRaw);
     check(swr_init(swr.get()), "converter init");
 
     const int64_t frames = static_cast<int64_t>(samples.size()) / request.channels;
     const bool variable = (encoder->capabilities & AV_CODEC_CAP_VARIABLE_FRAME_SIZE) != 0;
     const int chunk = codec->frame_size > 0 ? codec->frame_size : 1024;
-    std::unique_ptr<AVFrame, FrameFree> frame(av_frame_alloc());
-    std::unique_ptr<AVPacket, PacketFree> packet(av_packet_alloc());
+    Frame frame(av_frame_alloc());
+    Packet packet(av_packet_alloc());
     for (int64_t at = 0; at < frames; at += chunk) {
         const int n = static_cast<int>(std::min<int64_t>(chunk, frames - at));
         const bool smallLast = (encoder->capabilities & AV_CODEC_CAP_SMALL_LAST_FRAME) != 0;
