@@ -77,10 +77,10 @@ TEST_F(RendererFrames, TheDepthTargetIsRecreatedOnlyWhenTheDrawableSizeChanges) 
     EXPECT_EQ(impl().depthTexture.get(), first);
     EXPECT_EQ(impl().depthTexturesCreated, 1u);
 
-    surface_->setDrawableSize(48, 20);
+    surface_->setDrawableSize(32, 20);  // the height alone changes
     renderer_->resize({1920, 1080});  // the depth target follows the drawable, not resize
     drawAt(150.0f);
-    EXPECT_EQ(impl().depthTexture->width(), 48u);
+    EXPECT_EQ(impl().depthTexture->width(), 32u);
     EXPECT_EQ(impl().depthTexture->height(), 20u);
     EXPECT_EQ(impl().depthTexturesCreated, 2u);
     drawAt(150.0f);
