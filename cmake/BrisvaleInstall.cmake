@@ -34,4 +34,5 @@ install(FILES ${BRISVALE_MAN_PAGES} DESTINATION share/man/man1)
 
 install(FILES ${PROJECT_SOURCE_DIR}/app/desktop/brisvale.desktop DESTINATION share/applications)
 install(FILES ${PROJECT_SOURCE_DIR}/app/desktop/brisvale.xml DESTINATION share/mime/packages)
-install(FILES ${PROJECT_SOURCE_DIR}/docs/shader-interface.md DESTINATION share/doc/brisvale)
+install(FILES ${PROJECT_SOURCE_DIR}/docs/shader-interface.md ${PROJECT_SOURCE_DIR}/show/shaders/lib/frame.glsl
+        DESTINATION share/doc/brisvale)

@@ -7,6 +7,7 @@
 #include "content/ArchiveWriter.h"
 #include "content/DemoArchive.h"
 #include "content/DemoManifest.h"
+#include "content/ShaderSource.h"
 #include "render/RendererTesting.h"
 #include "render/ShaderCompiler.h"
 #include "render/gpu/CompletionThread.h"
@@ -67,10 +68,12 @@ std::vector<std::uint8_t> gradientPng(std::uint32_t edge) {
 struct BenchShow {
     BenchShow() {
         const std::string source = readFile(BRISVALE_BENCH_SHADER);
+        const std::string frame = readFile(BRISVALE_BENCH_FRAME_INTERFACE);
         const std::string text = "image.0.path = images/0.png\nimage.1.path = images/1.png\n";
         const std::vector<std::uint8_t> image = gradientPng(1024);
         path = (std::filesystem::temp_directory_path() / ("brisvale-bench-" + std::to_string(getpid()) + ".dat")).string();
         writeArchiveFile(path, {{"scene.glsl", std::vector<std::uint8_t>(source.begin(), source.end())},
+                                {"lib/frame.glsl", std::vector<std::uint8_t>(frame.begin(), frame.end())},
                                 {"assets.txt", std::vector<std::uint8_t>(text.begin(), text.end())},
                                 {"images/0.png", image},
                                 {"images/1.png", image}});
@@ -86,7 +89,7 @@ struct BenchShow {
                                                   tasks.push_back(std::move(task));
                                               });
         renderer->resize({1280, 720});
-        expandedSource = source;
+        expandedSource = expandShaderSource(*archive, "scene.glsl").text;
     }
     ~BenchShow() {
         renderer.reset();

@@ -24,9 +24,10 @@ trap 'rm -rf "$work"' EXIT
 seconds=10 fps=30 size=1920x1080
 frames=$((seconds * fps))
 show="$work/show"
-mkdir -p "$show/shaders" "$show/images" "$show/music"
+mkdir -p "$show/shaders/lib" "$show/images" "$show/music"
 cp tests/app/show/demo.ini tests/app/show/assets.txt "$show/"
 cp tests/app/show/shaders/phases.glsl "$show/shaders/"
+cp show/shaders/lib/frame.glsl "$show/shaders/lib/"
 ffmpeg -nostdin -v error -y -f lavfi -i color=c=0x2040ff:s=64x64 -frames:v 1 "$show/images/tile.png"
 ffmpeg -nostdin -v error -y -f lavfi -i "sine=frequency=440:sample_rate=44100:duration=$seconds" -ac 2 \
   -c:a flac "$show/music/song.flac"

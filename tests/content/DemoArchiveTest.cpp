@@ -1,5 +1,5 @@
 // DemoArchive: loading containers and show directories (header, directory, limits, every
-// refusal with its message) and opening stored and gzip-compressed files.
+// refusal with its message) and opening and streaming stored and gzip-compressed files.
 //
 // [SECTION] Load: file and header
 // [SECTION] Load: directory
@@ -234,7 +234,6 @@ TEST(DemoArchiveOpen, StoredFilesAreViewsWithoutCopies) {
     EXPECT_EQ(first.data(), second.data());
     EXPECT_EQ(toString(first), withNuls);
     EXPECT_EQ(archive->readText("nul.bin"), withNuls);
-    EXPECT_EQ(archive->readText("nul.bin").size(), 6u);
     EXPECT_EQ(archive->readCopy("nul.bin"), toBytes(withNuls));
     EXPECT_EQ(archive->open("empty").size(), 0u);
     EXPECT_EQ(archive->readText("empty"), "");
@@ -282,39 +281,30 @@ TEST(DemoArchiveOpen, GzipFilesInflateOnceAndKeepTheirAddress) {
     EXPECT_EQ(archive->readText("big.txt"), big);
 }
 
-TEST(DemoArchiveOpen, GzipContentMustMatchUnpackedSizeExactly) {
+TEST(DemoArchiveOpen, GzipContentMustBeAGzipStreamOfExactlyTheUnpackedSize) {
     TempDir dir;
     const std::string content = "exactly twenty bytes";
     const auto gzip = gzipDeterministic(toBytes(content));
-    EXPECT_EQ(testing::toString(loadBytes(dir, oneGzipRecord(gzip, content.size()))->open("z.bin")),
-              content);
-    for (std::uint64_t wrong : {content.size() - 1, content.size() + 1}) {
-        const auto archive = loadBytes(dir, oneGzipRecord(gzip, wrong));
-        EXPECT_TRUE(archive->contains("z.bin"));
-        EXPECT_EQ(errorOf([&] { archive->open("z.bin"); }),
-                  "Failed to decompress demo archive entry")
-            << wrong;
-        // Nothing was cached: the next open tries again and fails the same way.
-        EXPECT_EQ(errorOf([&] { archive->readText("z.bin"); }),
-                  "Failed to decompress demo archive entry");
-    }
-}
+    EXPECT_EQ(toString(loadBytes(dir, oneGzipRecord(gzip, content.size()))->open("z.bin")), content);
+    EXPECT_EQ(loadBytes(dir, oneGzipRecord(gzipDeterministic({}), 0))->open("z.bin").size(), 0u);
 
-TEST(DemoArchiveOpen, OnlyGzipWrappedStreamsInflate) {
-    TempDir dir;
-    const std::string content = "zlib, not gzip";
-    const auto archive = loadBytes(dir, oneGzipRecord(zlibWrapped(content), content.size()));
-    EXPECT_EQ(errorOf([&] { archive->open("z.bin"); }), "Failed to decompress demo archive entry");
-
-    auto damaged = gzipDeterministic(toBytes(std::string(300, 'd')));
-    damaged[damaged.size() - 6] ^= 0xFF; // the CRC no longer matches
-    const auto badCrc = loadBytes(dir, oneGzipRecord(damaged, 300));
-    EXPECT_EQ(errorOf([&] { badCrc->open("z.bin"); }), "Failed to decompress demo archive entry");
-
+    auto badCrc = gzipDeterministic(toBytes(std::string(300, 'd')));
+    badCrc[badCrc.size() - 6] ^= 0xFF;
     auto truncated = gzipDeterministic(toBytes(std::string(300, 't')));
     truncated.resize(truncated.size() - 1);
-    const auto cut = loadBytes(dir, oneGzipRecord(truncated, 300));
-    EXPECT_EQ(errorOf([&] { cut->open("z.bin"); }), "Failed to decompress demo archive entry");
+    const std::pair<std::vector<std::uint8_t>, std::uint64_t> failing[] = {
+        {gzip, content.size() - 1}, {gzip, content.size() + 1}, {gzipDeterministic(toBytes("x")), 0},
+        {zlibWrapped(content), content.size()}, {badCrc, 300}, {truncated, 300},
+        // Absurd sizes fail without allocating them.
+        {gzip, std::uint64_t{1} << 40}, {gzip, std::uint64_t{1} << 32}, {gzip, std::numeric_limits<std::uint64_t>::max()},
+        {gzip, std::uint64_t{gzip.size()} * 1032 + 5000}};
+    for (const auto& [stream, unpacked] : failing) {
+        const auto archive = loadBytes(dir, oneGzipRecord(stream, unpacked));
+        EXPECT_TRUE(archive->contains("z.bin"));
+        EXPECT_EQ(errorOf([&] { archive->open("z.bin"); }), "Failed to decompress demo archive entry") << unpacked;
+        // Nothing was cached: the next open tries again and fails the same way.
+        EXPECT_EQ(errorOf([&] { archive->readText("z.bin"); }), "Failed to decompress demo archive entry");
+    }
 }
 
 TEST(DemoArchiveOpen, BytesAfterTheFirstGzipMemberAreIgnored) {
@@ -324,19 +314,6 @@ TEST(DemoArchiveOpen, BytesAfterTheFirstGzipMemberAreIgnored) {
     gzip.insert(gzip.end(), second.begin(), second.end());
     const auto archive = loadBytes(dir, oneGzipRecord(gzip, 12));
     EXPECT_EQ(archive->readText("z.bin"), "first member");
-}
-
-TEST(DemoArchiveOpen, AbsurdUnpackedSizesFailWithoutAllocating) {
-    TempDir dir;
-    const auto gzip = gzipDeterministic(toBytes(std::string(100, 'a')));
-    for (std::uint64_t absurd : {std::uint64_t{1} << 40, std::uint64_t{1} << 32,
-                                 std::numeric_limits<std::uint64_t>::max(),
-                                 std::uint64_t{gzip.size()} * 1032 + 5000}) {
-        const auto archive = loadBytes(dir, oneGzipRecord(gzip, absurd));
-        EXPECT_EQ(errorOf([&] { archive->open("z.bin"); }),
-                  "Failed to decompress demo archive entry")
-            << absurd;
-    }
 }
 
 TEST(DemoArchiveOpen, HighlyCompressibleContentStillInflates) {
@@ -349,15 +326,6 @@ TEST(DemoArchiveOpen, HighlyCompressibleContentStillInflates) {
     const ArchiveBytes content = archive->open("z.bin");
     ASSERT_EQ(content.size(), zeros.size());
     EXPECT_TRUE(std::equal(content.begin(), content.end(), zeros.begin()));
-}
-
-TEST(DemoArchiveOpen, EmptyGzipContentOpensAsAnEmptyFile) {
-    TempDir dir;
-    const auto empty = gzipDeterministic({});
-    EXPECT_EQ(loadBytes(dir, oneGzipRecord(empty, 0))->open("z.bin").size(), 0u);
-    const auto notEmpty = gzipDeterministic(toBytes("x"));
-    const auto archive = loadBytes(dir, oneGzipRecord(notEmpty, 0));
-    EXPECT_EQ(errorOf([&] { archive->open("z.bin"); }), "Failed to decompress demo archive entry");
 }
 
 TEST(DemoArchiveStream, PiecesAddUpToTheContentWithTheChecksOfOpen) {
@@ -400,17 +368,6 @@ TEST(DemoArchiveOpen, ArchiveOutlivesItsLoaderAndViewsStayValid) {
     std::filesystem::remove(dir.file("demo.dat"));
     EXPECT_EQ(testing::toString(view), std::string(1000, 'v'));
     EXPECT_EQ(shared->readText("t.txt"), std::string(1000, 'v'));
-}
-
-TEST(DemoArchive, DefaultConstructedIsEmpty) {
-    const DemoArchive archive;
-    EXPECT_FALSE(archive.contains(""));
-    EXPECT_EQ(errorOf([&] { archive.open("a"); }), "Missing file in demo archive: a");
-    const DemoArchive::Entry entry;
-    EXPECT_EQ(entry.offset, 0u);
-    EXPECT_EQ(entry.storedSize, 0u);
-    EXPECT_EQ(entry.unpackedSize, 0u);
-    EXPECT_EQ(entry.flags, 0u);
 }
 
 } // namespace

@@ -112,23 +112,21 @@ TEST_F(ShaderSourceTest, RecursionIsRefusedWhateverTheSpelling) {
     }
 }
 
-TEST_F(ShaderSourceTest, StackIsRestoredAndChecked) {
-    files({{"a.glsl", "#include \"b.glsl\"\n"}, {"b.glsl", "B\n"}});
-    std::vector<std::string> stack = {"outer.glsl"};
-    EXPECT_EQ(loadMetalSourceWithIncludes(*archive_, "./a.glsl", stack), "B\n\n");
-    EXPECT_EQ(stack, std::vector<std::string>{"outer.glsl"});
-    std::vector<std::string> holding = {"b.glsl"};
-    EXPECT_EQ(errorOf([&] { loadMetalSourceWithIncludes(*archive_, "a.glsl", holding); }),
-              "Recursive Metal include detected");
-}
-
-TEST_F(ShaderSourceTest, FailuresLeaveTheChainDownToTheFailingFile) {
+// A given stack is restored on success and checked; a failure leaves the chain down to the file
+// that failed.
+TEST_F(ShaderSourceTest, TheIncludeStackIsRestoredCheckedAndShowsTheFailingChain) {
     files({{"a.glsl", "#include \"lib/b.glsl\"\n"},
            {"lib/b.glsl", "#include \"../a.glsl\"\n"},
-           {"c.glsl", "#include \"lib/none.glsl\"\n"}});
-    std::vector<std::string> stack;
-    EXPECT_EQ(errorOf([&] { loadMetalSourceWithIncludes(*archive_, "a.glsl", stack); }),
-              "Recursive Metal include detected");
+           {"c.glsl", "#include \"lib/none.glsl\"\n"},
+           {"d.glsl", "#include \"e.glsl\"\n"},
+           {"e.glsl", "E\n"}});
+    std::vector<std::string> stack = {"outer.glsl"};
+    EXPECT_EQ(loadMetalSourceWithIncludes(*archive_, "./d.glsl", stack), "E\n\n");
+    EXPECT_EQ(stack, std::vector<std::string>{"outer.glsl"});
+    stack = {"e.glsl"};
+    EXPECT_EQ(errorOf([&] { loadMetalSourceWithIncludes(*archive_, "d.glsl", stack); }), "Recursive Metal include detected");
+    stack.clear();
+    EXPECT_EQ(errorOf([&] { loadMetalSourceWithIncludes(*archive_, "a.glsl", stack); }), "Recursive Metal include detected");
     EXPECT_EQ(stack, (std::vector<std::string>{"a.glsl", "lib/b.glsl", "a.glsl"}));
     stack.clear();
     errorOf([&] { loadMetalSourceWithIncludes(*archive_, "c.glsl", stack); });

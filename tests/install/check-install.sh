@@ -15,7 +15,7 @@ cmake --install "$build" --prefix "$prefix" >/dev/null
 
 programs=(brisvale brisvale-pack brisvale-capture brisvale-play)
 expected=(share/applications/brisvale.desktop share/brisvale/demo.dat share/doc/brisvale/shader-interface.md
-          share/mime/packages/brisvale.xml)
+          share/doc/brisvale/frame.glsl share/mime/packages/brisvale.xml)
 for program in "${programs[@]}"; do expected+=("bin/$program" "share/man/man1/$program.1"); done
 installed=$(cd "$prefix" && find . -type f -printf '%P\n' | sort)
 wanted=$(printf '%s\n' "${expected[@]}" | sort)
@@ -41,6 +41,8 @@ grep -qF "\"$version\"" "$prefix/share/man/man1/brisvale.1" || fail "brisvale.1 
 [ "$(head -c 4 "$prefix/share/brisvale/demo.dat")" = BDAT ] || fail "share/brisvale/demo.dat is no show file"
 cmp -s "$src/docs/shader-interface.md" "$prefix/share/doc/brisvale/shader-interface.md" \
   || fail "share/doc/brisvale/shader-interface.md differs from docs/shader-interface.md"
+cmp -s "$src/show/shaders/lib/frame.glsl" "$prefix/share/doc/brisvale/frame.glsl" \
+  || fail "share/doc/brisvale/frame.glsl differs from show/shaders/lib/frame.glsl"
 
 # [desktop entry and show file type]
 desktop="$prefix/share/applications/brisvale.desktop"

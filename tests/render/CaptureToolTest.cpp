@@ -190,21 +190,16 @@ double snr(const std::vector<float>& got, const std::vector<float>& wanted, int 
 // asks for a vertex pool that grows with time and turns grey while the pool is too small, so a
 // frame not drawn again after the pool grew shows too.
 constexpr const char* kMovingShader = R"GLSL(
-layout(push_constant, std430) uniform Frame {
-    vec2 resolution; float timeSeconds; float deltaSeconds;
-    float showDurationSeconds; float renderEndSeconds; uint vertexCapacity; uint imageCount;
-    uint passIndex; uint passReserved0; uint passReserved1; uint passReserved2;
-} frame;
-layout(std430, set = 0, binding = 1) buffer DrawArguments { uint args[4]; } drawArguments;
-layout(std430, set = 0, binding = 2) buffer GeometryRequest { uint words[4]; } request;
+#include "lib/frame.glsl"
 uint wanted() { return 3000u + uint(frame.timeSeconds * 3000.0); }
 #ifdef BRISVALE_COMPUTE
 layout(local_size_x = 64) in;
 void scene_compute() {
     if (gl_GlobalInvocationID.x != 0u) return;
-    drawArguments.args = uint[4](0u, 1u, 0u, 0u);
-    request.words[1] = wanted();
-    request.words[2] = wanted() > frame.vertexCapacity ? 1u : 0u;
+    drawArguments.vertexCount = 0u; drawArguments.instanceCount = 1u;
+    drawArguments.firstVertex = 0u; drawArguments.firstInstance = 0u;
+    request.requestedVertexCount = wanted();
+    request.overflowFlag = wanted() > frame.vertexCapacity ? 1u : 0u;
 }
 #endif
 #ifdef BRISVALE_VERTEX
@@ -228,17 +223,21 @@ constexpr int kMusicRate = 44100;
 
 class CaptureTool : public ::testing::Test {
 protected:
-    // `moreIni` is appended to the show manifest (later keys win); `damageImage` breaks the
-    // image's gzip stream.
-    std::string writeShow(const ShowFiles& files, const std::string& moreIni = "", bool damageImage = false) {
-        std::vector<ArchiveFile> entries;
+    // show.dat: `files.shader` (unless left out) as scene.glsl with the shared interface, one
+    // image, `moreIni` appended to the manifest (later keys win) and `more` files; `damageImage`
+    // breaks the image's gzip stream.
+    std::string writeShow(const ShowFiles& files, const std::string& moreIni = "", bool damageImage = false,
+                          std::vector<ArchiveFile> more = {}) {
+        std::vector<ArchiveFile> entries{{"lib/frame.glsl", frameInterface()},
+                                         {"assets.txt", toBytes("image.0.path = a.png\n")},
+                                         {"demo.ini", toBytes("demo.name = T\ndemo.timeline.shader = scene.glsl\n"
+                                                              "demo.timeline.assets = assets.txt\n"
+                                                              "demo.timeline.audio = none.wav\n"
+                                                              "demo.output.width = 40\ndemo.output.height = 30\n"
+                                                              "demo.output.fps = 10\n" + moreIni)}};
         if (files.withShader) entries.push_back({"scene.glsl", toBytes(files.shader)});
-        entries.push_back({"assets.txt", toBytes("image.0.path = a.png\n")});
-        entries.push_back({"demo.ini", toBytes("demo.name = T\ndemo.timeline.shader = scene.glsl\n"
-                                               "demo.timeline.assets = assets.txt\ndemo.timeline.audio = none.wav\n"
-                                               "demo.output.width = 40\ndemo.output.height = 30\n"
-                                               "demo.output.fps = 10\n" + moreIni)});
-        entries.push_back({"a.png", solidPng(2, 2, 255, 255, 255, 255)});
+        entries.insert(entries.end(), more.begin(), more.end());
+        entries.push_back({"a.png", solidPng(2, 2, 255, 255, 255, 255)});  // last, for `damageImage`
         std::vector<std::uint8_t> bytes = writeArchive(entries, {2, damageImage ? ArchiveCompression::All
                                                                               : ArchiveCompression::Auto});
         if (damageImage) bytes[bytes.size() - 3] ^= 0x55;  // the size in the last gzip trailer
@@ -250,18 +249,10 @@ protected:
     std::string writeMovingShow() {
         const std::string song = dir_.file("song.flac");
         brisvale::test::encodeFile(song, {"flac", "flac", kMusicRate, 2, {}, {}}, music_);
-        const std::string path = dir_.file("show.dat");
-        std::vector<ArchiveFile> entries{{"scene.glsl", toBytes(kMovingShader)},
-                                         {"assets.txt", toBytes("image.0.path = a.png\n")},
-                                         {"a.png", solidPng(2, 2, 255, 255, 255, 255)},
-                                         {"song.flac", brisvale::test::readFile(song)},
-                                         {"demo.ini", toBytes("demo.timeline.shader = scene.glsl\n"
-                                                              "demo.timeline.assets = assets.txt\n"
-                                                              "demo.timeline.audio = song.flac\n"
-                                                              "demo.output.width = 64\ndemo.output.height = 48\n"
-                                                              "demo.output.fps = 10\n")}};
-        writeArchiveFile(path, entries);
-        return path;
+        ShowFiles files;
+        files.shader = kMovingShader;
+        return writeShow(files, "demo.timeline.audio = song.flac\ndemo.output.width = 64\ndemo.output.height = 48\n",
+                         false, {{"song.flac", brisvale::test::readFile(song)}});
     }
     // What is in the test's directory besides the show (no temporary files may stay behind).
     std::vector<std::string> leftOver() const {

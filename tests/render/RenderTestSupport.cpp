@@ -2,6 +2,8 @@
 
 #include "render/gpu/CompletionThread.h"
 
+#include <fstream>
+
 #define STB_IMAGE_WRITE_IMPLEMENTATION
 #include <stb/stb_image_write.h>
 
@@ -16,16 +18,7 @@ namespace brisvale::testing {
 //   resolution.y / 2048, imageCount / 8).
 // - pass 2 quad: (sampled depth, 0, 0) at alpha 0.5.
 const char* const kMarkerShader = R"GLSL(
-layout(push_constant, std430) uniform Frame {
-    vec2 resolution; float timeSeconds; float deltaSeconds;
-    float showDurationSeconds; float renderEndSeconds; uint vertexCapacity; uint imageCount;
-    uint passIndex; uint passReserved0; uint passReserved1; uint passReserved2;
-} frame;
-layout(std430, set = 0, binding = 0) buffer VertexPool { float words[]; } pool;
-layout(std430, set = 0, binding = 1) buffer DrawArguments { uint args[4]; } drawArguments;
-layout(std430, set = 0, binding = 2) buffer GeometryRequest { uint words[4]; } request;
-layout(set = 0, binding = 3) uniform sampler2DArray images;
-layout(set = 0, binding = 4) uniform sampler2D sceneDepth;
+#include "lib/frame.glsl"
 
 #ifdef BRISVALE_COMPUTE
 layout(local_size_x = 64) in;
@@ -38,12 +31,12 @@ void scene_compute() {
         uint flag = wanted > frame.vertexCapacity ? 1u : 0u;
         if (frame.renderEndSeconds == 2.0) flag = 0u;
         if (frame.renderEndSeconds == 3.0) flag = 1u;
-        drawArguments.args[0] = 12u;
-        drawArguments.args[1] = 1u;
-        drawArguments.args[2] = 0u;
-        drawArguments.args[3] = 0u;
-        request.words[1] = wanted;
-        request.words[2] = flag;
+        drawArguments.vertexCount = 12u;
+        drawArguments.instanceCount = 1u;
+        drawArguments.firstVertex = 0u;
+        drawArguments.firstInstance = 0u;
+        request.requestedVertexCount = wanted;
+        request.overflowFlag = flag;
     }
     if (i >= 12u) return;
     bool isA = i < 6u;
@@ -99,6 +92,15 @@ void scene_fragment() {
 #endif
 )GLSL";
 
+const std::vector<std::uint8_t>& frameInterface() {
+    static const std::vector<std::uint8_t> bytes = [] {
+        std::ifstream in(BRISVALE_FRAME_INTERFACE, std::ios::binary);
+        if (!in) throw std::runtime_error("cannot read " BRISVALE_FRAME_INTERFACE);
+        return std::vector<std::uint8_t>(std::istreambuf_iterator<char>(in), {});
+    }();
+    return bytes;
+}
+
 std::vector<std::uint8_t> encodePng(std::uint32_t width, std::uint32_t height, const std::vector<std::uint8_t>& rgba) {
     std::vector<std::uint8_t> png;
     stbi_write_png_to_func(
@@ -136,6 +138,7 @@ DemoManifest markerManifest() {
 std::shared_ptr<const DemoArchive> makeArchive(const TempDir& dir, const ShowFiles& files) {
     std::vector<ArchiveFile> entries;
     if (files.withShader) entries.push_back({"scene.glsl", toBytes(files.shader)});
+    entries.push_back({"lib/frame.glsl", frameInterface()});
     std::vector<std::vector<std::uint8_t>> images = files.images;
     if (images.empty() && !files.assets) images.push_back(solidPng(4, 4, 255, 255, 255, 255));
     std::string assets;

@@ -35,7 +35,10 @@ std::vector<std::uint8_t> solidPng(std::uint32_t width, std::uint32_t height, st
                                    std::uint8_t b, std::uint8_t a);
 
 // The marker shader: every pass paints what it saw (see RenderTestSupport.cpp for the layout).
+// It includes the player's interface as every show does, from lib/frame.glsl.
 extern const char* const kMarkerShader;
+// The bytes of show/shaders/lib/frame.glsl, which every archive made here holds as lib/frame.glsl.
+const std::vector<std::uint8_t>& frameInterface();
 
 struct ShowFiles {
     std::string shader = kMarkerShader;
@@ -46,7 +49,7 @@ struct ShowFiles {
     std::vector<ArchiveFile> more;                    // further files, as given
 };
 
-// Writes demo.dat (demo.ini, scene.glsl, assets.txt, images) and loads it.
+// Writes demo.dat (scene.glsl, lib/frame.glsl, assets.txt, images) and loads it.
 std::shared_ptr<const DemoArchive> makeArchive(const TempDir& dir, const ShowFiles& files);
 DemoManifest markerManifest();
 

@@ -74,30 +74,20 @@ void expectFinale(const std::vector<std::uint8_t>& rgba) {
     EXPECT_TRUE(near(pixelAt(rgba, kEdge, kNone[0], kNone[1]), expected(0.505f, 0.005f, 0.25625f)));
 }
 
-TEST_F(RendererPhases, IntroRunsTrianglesWithoutDepthTestThenQuad) {
-    expectIntro(frameAt(0.0f));
-    expectIntro(frameAt(9.2499f));
-}
-
-TEST_F(RendererPhases, MiddleDrawsOnlyTheQuad) {
-    expectMiddle(frameAt(9.25f));
-    expectMiddle(frameAt(141.99f));
-}
-
-TEST_F(RendererPhases, FinaleDrawsDepthTestedTrianglesAndCompositeSeesTheirDepth) {
-    expectFinale(frameAt(142.0f));
-    expectFinale(frameAt(600.0f));
-}
-
-TEST_F(RendererPhases, NotANumberGivesTheMiddle) {
-    expectMiddle(frameAt(std::numeric_limits<float>::quiet_NaN()));
-}
-
-TEST_F(RendererPhases, PhasesFollowEachFramesOwnTime) {
-    expectFinale(frameAt(150.0f));
-    expectIntro(frameAt(1.0f));
-    expectMiddle(frameAt(50.0f));
-    expectFinale(frameAt(142.0f));
+// Each frame's passes follow its own time, whatever the frame before it drew: the intro below
+// 9.25 s, the finale from 142 s, the middle between them and for a time that is not a number.
+TEST_F(RendererPhases, EachFrameDrawsThePhaseOfItsOwnTime) {
+    const struct {
+        float t;
+        void (*expect)(const std::vector<std::uint8_t>&);
+    } frames[] = {{0.0f, expectIntro},     {9.2499f, expectIntro},  {9.25f, expectMiddle},
+                  {141.99f, expectMiddle}, {142.0f, expectFinale},  {600.0f, expectFinale},
+                  {1.0f, expectIntro},     {150.0f, expectFinale},  {50.0f, expectMiddle},
+                  {std::numeric_limits<float>::quiet_NaN(), expectMiddle}};
+    for (const auto& frame : frames) {
+        SCOPED_TRACE(frame.t);
+        frame.expect(frameAt(frame.t));
+    }
 }
 
 TEST_F(RendererPhases, ResolutionFollowsResizeAndIsOneByOneBefore) {

@@ -1,5 +1,6 @@
 // compileSceneShaders: SPIR-V for all three stages, one-line compile errors, the order of
 // the missing-function messages, and SPIR-V that the Khronos validator accepts for Vulkan 1.3.
+// The sources start with the interface every show includes (show/shaders/lib/frame.glsl).
 //
 // [SECTION] Sources
 // [SECTION] A good source
@@ -7,7 +8,6 @@
 // [SECTION] Errors in the show's own files
 // [SECTION] Missing functions
 // [SECTION] Macro expansion
-// [SECTION] The example shipped for show authors
 #include <gtest/gtest.h>
 
 #include <spirv-tools/libspirv.hpp>
@@ -27,11 +27,26 @@
 namespace brisvale {
 namespace {
 
-constexpr std::uint32_t kSpirvMagic = 0x07230203;
-
 // ---------------------------------------------------------------------------------------------
 // [SECTION] Sources
 // ---------------------------------------------------------------------------------------------
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path);
+    if (!in) throw std::runtime_error("cannot read " + path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+std::vector<std::uint8_t> bytesOf(const std::string& text) {
+    return {text.begin(), text.end()};
+}
+
+const std::string& frameInterface() {
+    static const std::string text = readFile(BRISVALE_FRAME_INTERFACE);
+    return text;
+}
 
 // A complete source in the shape a show uses: shared declarations, then each entry function
 // under its stage macro. Pieces can be left out to make the missing-function cases.
@@ -43,26 +58,7 @@ struct SourceParts {
 };
 
 std::string shaderSource(const SourceParts& parts) {
-    std::string s = R"(
-layout(push_constant, std430) uniform Frame {
-    vec2 resolution; float timeSeconds; float deltaSeconds;
-    float showDurationSeconds; float renderEndSeconds; uint vertexCapacity; uint imageCount;
-    uint passIndex; uint passReserved0; uint passReserved1; uint passReserved2;
-} frame;
-#ifdef BRISVALE_COMPUTE
-layout(std430, set = 0, binding = 0) buffer VertexPool { float words[]; } pool;
-#else
-layout(std430, set = 0, binding = 0) readonly buffer VertexPool { float words[]; } pool;
-#endif
-layout(std430, set = 0, binding = 1) buffer Indirect {
-    uint vertexCount; uint instanceCount; uint firstVertex; uint firstInstance;
-} indirect;
-layout(std430, set = 0, binding = 2) buffer Request {
-    uint word0; uint requestedVertexCount; uint overflowFlag; uint word3;
-} request;
-layout(set = 0, binding = 3) uniform sampler2DArray images;
-layout(set = 0, binding = 4) uniform sampler2D sceneDepth;
-
+    std::string s = frameInterface() + R"(
 float pulse(float t) { return 0.5 + 0.5 * sin(t); }
 )";
     if (parts.vertex)
@@ -103,8 +99,8 @@ void scene_compute() {
     if (i >= frame.vertexCapacity) return;
     pool.words[i * 7u] = pulse(frame.timeSeconds);
     if (i == 0u) {
-        indirect.vertexCount = 3u; indirect.instanceCount = 1u;
-        indirect.firstVertex = 0u; indirect.firstInstance = 0u;
+        drawArguments.vertexCount = 3u; drawArguments.instanceCount = 1u;
+        drawArguments.firstVertex = 0u; drawArguments.firstInstance = 0u;
         request.requestedVertexCount = 3u; request.overflowFlag = 0u;
     }
 }
@@ -143,64 +139,38 @@ std::string spirvValidationErrors(const std::vector<std::uint32_t>& words) {
 // [SECTION] A good source
 // ---------------------------------------------------------------------------------------------
 
-TEST(ShaderCompiler, GoodSourceGivesSpirvForEveryStageAndTheLocalSize) {
-    const CompiledShaders shaders = compileSceneShaders(shaderSource({}));
-    for (const auto* stage : {&shaders.vertex, &shaders.fragment, &shaders.compute}) {
-        ASSERT_GT(stage->size(), 5u);
-        EXPECT_EQ((*stage)[0], kSpirvMagic);
-        EXPECT_EQ((*stage)[1], 0x00010500u) << "SPIR-V 1.5";
-    }
-    EXPECT_EQ(shaders.computeLocalSizeX, 64u);
+std::string disassemble(const std::vector<std::uint32_t>& words) {
+    std::string text;
+    spvtools::SpirvTools(SPV_ENV_VULKAN_1_3).Disassemble(words, &text);
+    return text;
 }
 
-TEST(ShaderCompiler, LocalSizeFollowsTheDeclaration) {
+// The example shipped for show authors, read as the player reads a show: with its include.
+TEST(ShaderCompiler, GoodSourcesGiveValidSpirvForEachStageWithItsEntryPoint) {
+    const auto example = DemoArchive::fromFiles(
+        {{"example.glsl", bytesOf(readFile(std::string(BRISVALE_TEST_SHADER_DIR) + "/example.glsl"))},
+         {"lib/frame.glsl", bytesOf(frameInterface())}});
+    for (const CompiledShaders& shaders :
+         {compileSceneShaders(shaderSource({})), compileSceneShaders(expandShaderSource(*example, "example.glsl"))}) {
+        const std::vector<std::uint32_t>* stages[] = {&shaders.vertex, &shaders.fragment, &shaders.compute};
+        const char* entries[] = {"OpEntryPoint Vertex", "OpEntryPoint Fragment", "OpEntryPoint GLCompute"};
+        for (int i = 0; i < 3; ++i) {
+            ASSERT_GT(stages[i]->size(), 5u);
+            EXPECT_EQ((*stages[i])[1], 0x00010500u) << "SPIR-V 1.5";
+            EXPECT_EQ(spirvValidationErrors(*stages[i]), "");
+            EXPECT_NE(disassemble(*stages[i]).find(entries[i]), std::string::npos) << entries[i];
+        }
+        EXPECT_NE(disassemble(shaders.compute).find("LocalSize 64 1 1"), std::string::npos);
+        EXPECT_EQ(shaders.computeLocalSizeX, 64u);
+    }
     SourceParts parts;
     parts.localSizeX = 32;
     EXPECT_EQ(compileSceneShaders(shaderSource(parts)).computeLocalSizeX, 32u);
-    parts.localSizeX = 256;
-    EXPECT_EQ(compileSceneShaders(shaderSource(parts)).computeLocalSizeX, 256u);
 }
 
-TEST(ShaderCompiler, EveryStageValidatesForVulkan13) {
-    const CompiledShaders shaders = compileSceneShaders(shaderSource({}));
-    EXPECT_EQ(spirvValidationErrors(shaders.vertex), "");
-    EXPECT_EQ(spirvValidationErrors(shaders.fragment), "");
-    EXPECT_EQ(spirvValidationErrors(shaders.compute), "");
-}
-
-TEST(ShaderCompiler, EachStageHasItsOwnEntryPoint) {
-    // The three modules differ: each carries its own stage's code as main.
-    const CompiledShaders shaders = compileSceneShaders(shaderSource({}));
-    EXPECT_NE(shaders.vertex, shaders.fragment);
-    EXPECT_NE(shaders.vertex, shaders.compute);
-    EXPECT_NE(shaders.fragment, shaders.compute);
-    spvtools::SpirvTools tools(SPV_ENV_VULKAN_1_3);
-    std::string vertexText, computeText;
-    ASSERT_TRUE(tools.Disassemble(shaders.vertex, &vertexText));
-    ASSERT_TRUE(tools.Disassemble(shaders.compute, &computeText));
-    EXPECT_NE(vertexText.find("OpEntryPoint Vertex"), std::string::npos);
-    EXPECT_NE(computeText.find("OpEntryPoint GLCompute"), std::string::npos);
-    EXPECT_NE(computeText.find("LocalSize 64 1 1"), std::string::npos);
-}
-
-TEST(ShaderCompiler, StageOnlyDeclarationsCompileUnderTheirMacros) {
-    // gl_VertexIndex, fragment outputs and a local size each exist in one stage only; the
-    // same source would fail in the other stages without the macros.
-    const std::string source = R"(
-#if defined(BRISVALE_VERTEX)
-void scene_vertex() { gl_Position = vec4(float(gl_VertexIndex), 0.0, 0.0, 1.0); }
-#elif defined(BRISVALE_FRAGMENT)
-layout(location = 0) out vec4 color;
-void scene_fragment() { color = vec4(gl_FragCoord.xy, 0.0, 1.0); }
-#elif defined(BRISVALE_COMPUTE)
-layout(local_size_x = 8) in;
-void scene_compute() { barrier(); }
-#endif
-)";
-    const CompiledShaders shaders = compileSceneShaders(source);
-    EXPECT_EQ(shaders.computeLocalSizeX, 8u);
-    EXPECT_EQ(spirvValidationErrors(shaders.fragment), "");
-
+TEST(ShaderCompiler, StageOnlyDeclarationsNeedTheirStageMacros) {
+    // gl_VertexIndex and a local size each exist in one stage only: the good sources keep them
+    // under their macros, and without the macros the other stages fail.
     const std::string unguarded = "void scene_vertex() { gl_Position = vec4(gl_VertexIndex); }\n"
                                   "void scene_fragment() {}\n"
                                   "layout(local_size_x = 8) in; void scene_compute() {}\n";
@@ -238,25 +208,6 @@ TEST(ShaderCompiler, SyntaxErrorGivesOneLineWithTheFirstError) {
     EXPECT_EQ(message.find("No code generated"), std::string::npos) << message;
 }
 
-TEST(ShaderCompiler, UndeclaredIdentifierNamesIt) {
-    std::string source = shaderSource({});
-    source += "\nfloat g() { return notDeclaredAnywhere; }\n";
-    const std::string message = errorOf(source);
-    EXPECT_TRUE(message.starts_with("Failed to compile Metal shader source: vertex stage: "))
-        << message;
-    EXPECT_NE(message.find("'notDeclaredAnywhere' : undeclared identifier"), std::string::npos)
-        << message;
-}
-
-TEST(ShaderCompiler, ErrorInOneStageNamesThatStage) {
-    std::string source = shaderSource({});
-    source += "\n#ifdef BRISVALE_COMPUTE\nvoid onlyCompute() { undefinedCall(); }\n#endif\n";
-    const std::string message = errorOf(source);
-    EXPECT_TRUE(message.starts_with("Failed to compile Metal shader source: compute stage: "))
-        << message;
-    EXPECT_NE(message.find("undefinedCall"), std::string::npos) << message;
-}
-
 TEST(ShaderCompiler, AVersionLineInTheSourceIsAnError) {
     const std::string message = errorOf("#version 450\n" + shaderSource({}));
     EXPECT_TRUE(message.starts_with("Failed to compile Metal shader source: ")) << message;
@@ -288,10 +239,6 @@ TEST(ShaderCompiler, CompileErrorComesBeforeMissingFunctions) {
 // ---------------------------------------------------------------------------------------------
 // [SECTION] Errors in the show's own files
 // ---------------------------------------------------------------------------------------------
-
-std::vector<std::uint8_t> bytesOf(const std::string& text) {
-    return {text.begin(), text.end()};
-}
 
 // The expanded source of main.glsl: the good source, then an include of lib/extra.glsl.
 std::string errorThroughTheLineMap(const std::string& extra) {
@@ -348,9 +295,6 @@ TEST(ShaderCompiler, MissingFunctionsAreReportedVertexThenFragmentThenCompute) {
         EXPECT_EQ(errorOf(shaderSource(parts)), c.message)
             << "vertex " << c.vertex << " fragment " << c.fragment << " compute " << c.compute;
     }
-}
-
-TEST(ShaderCompiler, EmptySourceMissesTheVertexFunction) {
     EXPECT_EQ(errorOf(""), "Missing scene_vertex shader");
 }
 
@@ -425,22 +369,6 @@ TEST(ShaderCompiler, MacrosWithinTheLimitCompile) {
                          shaderSource({});
     const CompiledShaders shaders = compileSceneShaders(source);
     EXPECT_FALSE(shaders.vertex.empty());
-}
-
-// ---------------------------------------------------------------------------------------------
-// [SECTION] The example shipped for show authors
-// ---------------------------------------------------------------------------------------------
-
-TEST(ShaderCompiler, ExampleShaderFileCompilesAndValidates) {
-    std::ifstream in(std::string(BRISVALE_TEST_SHADER_DIR) + "/example.glsl");
-    ASSERT_TRUE(in) << "tests/render/shaders/example.glsl";
-    std::stringstream text;
-    text << in.rdbuf();
-    const CompiledShaders shaders = compileSceneShaders(text.str());
-    EXPECT_GT(shaders.computeLocalSizeX, 0u);
-    EXPECT_EQ(spirvValidationErrors(shaders.vertex), "");
-    EXPECT_EQ(spirvValidationErrors(shaders.fragment), "");
-    EXPECT_EQ(spirvValidationErrors(shaders.compute), "");
 }
 
 } // namespace

@@ -1,20 +1,18 @@
-// Keeps docs/shader-interface.md, render/ShaderInterface.h and real compiled shaders in step:
-// the example printed in the document is the example file and compiles; the document's
-// tables give the offsets and bindings the header declares; and the SPIR-V compiled from the
-// example carries those same offsets and bindings.
+// Keeps docs/shader-interface.md, render/ShaderInterface.h and the shared GLSL interface
+// (show/shaders/lib/frame.glsl) in step: the example printed in the document is the example
+// file, the declarations it shows are the shared file's; the document's tables give the offsets
+// and bindings the header declares; and the SPIR-V compiled from the example with the shared
+// file carries those same offsets and bindings.
 //
-// [SECTION] The example
-// [SECTION] Push constants
-// [SECTION] Bindings
-// [SECTION] Indirect and feedback records
+// [SECTION] The example and the shared declarations
+// [SECTION] Records: header, document table and compiled GLSL
 // [SECTION] Names shared with the compiler
 #include <gtest/gtest.h>
 
 #include <spirv-tools/libspirv.hpp>
 
-#include <array>
+#include <algorithm>
 #include <cstddef>
-#include <cstring>
 #include <fstream>
 #include <map>
 #include <regex>
@@ -22,6 +20,8 @@
 #include <string>
 #include <vector>
 
+#include "content/ArchiveWriter.h"
+#include "content/ShaderSource.h"
 #include "render/ShaderCompiler.h"
 #include "render/ShaderInterface.h"
 
@@ -47,6 +47,22 @@ const std::string& exampleFile() {
     static const std::string text =
         readFile(std::string(BRISVALE_TEST_SHADER_DIR) + "/example.glsl");
     return text;
+}
+
+const std::string& frameInterface() {
+    static const std::string text = readFile(BRISVALE_FRAME_INTERFACE);
+    return text;
+}
+
+// The example as a show holds it, with the shared interface beside it.
+const CompiledShaders& compiledExample() {
+    static const CompiledShaders shaders = [] {
+        auto bytes = [](const std::string& text) { return std::vector<std::uint8_t>(text.begin(), text.end()); };
+        const auto archive = DemoArchive::fromFiles(
+            {{"example.glsl", bytes(exampleFile())}, {"lib/frame.glsl", bytes(frameInterface())}});
+        return compileSceneShaders(expandShaderSource(*archive, "example.glsl"));
+    }();
+    return shaders;
 }
 
 // The text between two marker lines, without the ```glsl fence around it.
@@ -107,27 +123,19 @@ std::string disassemble(const std::vector<std::uint32_t>& words) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// [SECTION] The example
+// [SECTION] The example and the shared declarations
 // ---------------------------------------------------------------------------------------------
 
-TEST(ShaderInterfaceDocument, ExampleIsTheExampleFile) {
+TEST(ShaderInterfaceDocument, ExampleIsTheExampleFileAndCompiles) {
     const std::string fromDoc = exampleFromDocument();
     ASSERT_FALSE(fromDoc.empty()) << "example markers missing in docs/shader-interface.md";
     EXPECT_EQ(fromDoc, exampleFile());
+    EXPECT_EQ(compiledExample().computeLocalSizeX, 64u);
 }
 
-TEST(ShaderInterfaceDocument, ExampleCompilesForAllThreeStages) {
-    const CompiledShaders shaders = compileSceneShaders(exampleFromDocument());
-    EXPECT_FALSE(shaders.vertex.empty());
-    EXPECT_FALSE(shaders.fragment.empty());
-    EXPECT_FALSE(shaders.compute.empty());
-    EXPECT_EQ(shaders.computeLocalSizeX, 64u);
-}
-
-TEST(ShaderInterfaceDocument, DeclarationsToCopyAreTheExamplesOwn) {
-    // The blocks the document tells authors to copy appear word for word in the example.
+TEST(ShaderInterfaceDocument, DeclarationsShownAreTheSharedFile) {
+    // The blocks the document shows appear word for word in the file every show includes.
     const std::string& doc = documentText();
-    const std::string example = exampleFile();
     for (const std::string& opener :
          {std::string("```glsl\nlayout(push_constant"),
           std::string("```glsl\n#ifdef BRISVALE_COMPUTE\nlayout(std430")}) {
@@ -136,135 +144,102 @@ TEST(ShaderInterfaceDocument, DeclarationsToCopyAreTheExamplesOwn) {
         const std::size_t bodyStart = from + std::string("```glsl\n").size();
         const std::size_t to = doc.find("```", bodyStart);
         const std::string block = doc.substr(bodyStart, to - bodyStart);
-        EXPECT_NE(example.find(block), std::string::npos) << block;
+        EXPECT_NE(frameInterface().find(block), std::string::npos) << block;
     }
+    EXPECT_NE(doc.find("`show/shaders/lib/frame.glsl`"), std::string::npos);
 }
 
 // ---------------------------------------------------------------------------------------------
-// [SECTION] Push constants
+// [SECTION] Records: header, document table and compiled GLSL
 // ---------------------------------------------------------------------------------------------
 
-const std::map<std::string, std::size_t>& expectedPushConstantOffsets() {
-    static const std::map<std::string, std::size_t> offsets = [] {
-        const std::size_t scene = offsetof(FramePushConstants, scene);
-        const std::size_t pass = offsetof(FramePushConstants, pass);
-        const std::size_t reserved = pass + offsetof(PassParams, reserved);
-        return std::map<std::string, std::size_t>{
-            {"resolution.x", scene + offsetof(SceneUniforms, resolution)},
-            {"resolution.y", scene + offsetof(SceneUniforms, resolution) + sizeof(float)},
-            {"timeSeconds", scene + offsetof(SceneUniforms, timeSeconds)},
-            {"deltaSeconds", scene + offsetof(SceneUniforms, deltaSeconds)},
-            {"showDurationSeconds", scene + offsetof(SceneUniforms, showDurationSeconds)},
-            {"renderEndSeconds", scene + offsetof(SceneUniforms, renderEndSeconds)},
-            {"vertexCapacity", scene + offsetof(SceneUniforms, vertexCapacity)},
-            {"imageCount", scene + offsetof(SceneUniforms, imageCount)},
-            {"passIndex", pass + offsetof(PassParams, passIndex)},
-            {"passReserved0", reserved},
-            {"passReserved1", reserved + 4},
-            {"passReserved2", reserved + 8},
-        };
-    }();
-    return offsets;
-}
-
-TEST(ShaderInterfaceDocument, PushConstantTableMatchesTheHeader) {
-    EXPECT_EQ(offsetsIn("push-constants", 2), expectedPushConstantOffsets());
-    const auto rows = table("push-constants");
-    ASSERT_FALSE(rows.empty());
-    EXPECT_EQ(std::stoul(rows.back()[0]) + 4, si::kPushConstantSize);
-    EXPECT_NE(documentText().find("**" + std::to_string(si::kPushConstantSize) + " bytes**"),
-              std::string::npos);
-}
-
-TEST(ShaderInterfaceDocument, CompiledExampleUsesTheDocumentedPushConstantOffsets) {
-    // glslang lays the block out by std430; these decorations are what the GPU will use.
-    const std::string text = disassemble(compileSceneShaders(exampleFile()).compute);
-    ASSERT_FALSE(text.empty());
-    const std::regex decoration(R"(OpMemberDecorate %Frame (\d+) Offset (\d+))");
+// The member offsets of GLSL block `block` as the compiler laid them out (std430), in order.
+std::vector<std::size_t> compiledOffsets(const std::string& block) {
+    const std::string text = disassemble(compiledExample().compute);
+    const std::regex decoration("OpMemberDecorate %" + block + R"( (\d+) Offset (\d+))");
     std::vector<std::size_t> offsets;
     for (std::sregex_iterator it(text.begin(), text.end(), decoration), end; it != end; ++it)
         offsets.push_back(std::stoul((*it)[2]));
-    std::vector<std::size_t> documented;
-    for (const auto& row : table("push-constants")) documented.push_back(std::stoul(row[0]));
-    // resolution is one vec2 member in GLSL, two rows in the table.
-    ASSERT_GE(documented.size(), 2u);
-    documented.erase(documented.begin() + 1);
-    EXPECT_EQ(offsets, documented);
+    return offsets;
 }
 
-// ---------------------------------------------------------------------------------------------
-// [SECTION] Bindings
-// ---------------------------------------------------------------------------------------------
+TEST(ShaderInterfaceDocument, RecordLayoutsAgreeInHeaderDocumentAndCompiledShader) {
+    using Fields = std::vector<std::pair<std::string, std::size_t>>;
+    const std::size_t scene = offsetof(FramePushConstants, scene);
+    const std::size_t pass = offsetof(FramePushConstants, pass);
+    const std::size_t reserved = pass + offsetof(PassParams, reserved);
+    const struct {
+        const char* table;
+        const char* block;
+        Fields header;
+    } records[] = {
+        {"push-constants", "Frame",
+         {{"resolution.x", scene + offsetof(SceneUniforms, resolution)},
+          {"resolution.y", scene + offsetof(SceneUniforms, resolution) + sizeof(float)},
+          {"timeSeconds", scene + offsetof(SceneUniforms, timeSeconds)},
+          {"deltaSeconds", scene + offsetof(SceneUniforms, deltaSeconds)},
+          {"showDurationSeconds", scene + offsetof(SceneUniforms, showDurationSeconds)},
+          {"renderEndSeconds", scene + offsetof(SceneUniforms, renderEndSeconds)},
+          {"vertexCapacity", scene + offsetof(SceneUniforms, vertexCapacity)},
+          {"imageCount", scene + offsetof(SceneUniforms, imageCount)},
+          {"passIndex", pass + offsetof(PassParams, passIndex)},
+          {"passReserved0", reserved},
+          {"passReserved1", reserved + 4},
+          {"passReserved2", reserved + 8}}},
+        {"indirect", "DrawArguments",
+         {{"vertexCount", offsetof(DrawIndirectArguments, vertexCount)},
+          {"instanceCount", offsetof(DrawIndirectArguments, instanceCount)},
+          {"firstVertex", offsetof(DrawIndirectArguments, firstVertex)},
+          {"firstInstance", offsetof(DrawIndirectArguments, firstInstance)}}},
+        {"feedback", "GeometryRequest",
+         {{"ownWord0", offsetof(GeometryRequest, shaderWord0)},
+          {"requestedVertexCount", offsetof(GeometryRequest, requestedVertexCount)},
+          {"overflowFlag", offsetof(GeometryRequest, overflowFlag)},
+          {"ownWord3", offsetof(GeometryRequest, shaderWord3)}}},
+    };
+    for (const auto& record : records) {
+        SCOPED_TRACE(record.table);
+        EXPECT_EQ(offsetsIn(record.table, 2), (std::map<std::string, std::size_t>(record.header.begin(), record.header.end())));
+        std::vector<std::size_t> members;  // resolution is one vec2 member in GLSL, two rows elsewhere
+        for (const auto& [name, offset] : record.header)
+            if (!name.ends_with(".y")) members.push_back(offset);
+        EXPECT_EQ(compiledOffsets(record.block), members);
+    }
+    EXPECT_NE(documentText().find("**" + std::to_string(si::kPushConstantSize) + " bytes**"), std::string::npos);
+    EXPECT_EQ(si::kPushConstantSize, offsetsIn("push-constants", 2).at("passReserved2") + 4);
+}
 
-TEST(ShaderInterfaceDocument, BindingTableMatchesTheHeader) {
+TEST(ShaderInterfaceDocument, BindingsAgreeInHeaderDocumentAndCompiledShader) {
     const auto rows = table("bindings");
     ASSERT_EQ(rows.size(), si::kBindingCount);
+    const CompiledShaders& shaders = compiledExample();
     const struct {
         const char* contentStart;
+        const char* variable;
+        const std::vector<std::uint32_t>& stage;
         std::uint32_t binding;
     } expected[] = {
-        {"vertex pool", si::kVertexPoolBinding},
-        {"indirect draw record", si::kIndirectArgumentsBinding},
-        {"geometry request", si::kGeometryRequestBinding},
-        {"the show's images", si::kImageArrayBinding},
-        {"depth of this frame's scene pass", si::kSceneDepthBinding},
+        {"vertex pool", "pool", shaders.compute, si::kVertexPoolBinding},
+        {"vertex pool", "pool", shaders.vertex, si::kVertexPoolBinding},
+        {"indirect draw record", "drawArguments", shaders.compute, si::kIndirectArgumentsBinding},
+        {"geometry request", "request", shaders.compute, si::kGeometryRequestBinding},
+        {"the show's images", "images", shaders.fragment, si::kImageArrayBinding},
+        {"depth of this frame's scene pass", "sceneDepth", shaders.fragment, si::kSceneDepthBinding},
     };
     for (const auto& e : expected) {
-        bool found = false;
-        for (const auto& row : rows) {
-            if (row.size() > 2 && row[2].starts_with(e.contentStart)) {
-                EXPECT_EQ(std::stoul(row[0]), e.binding) << e.contentStart;
-                found = true;
-            }
-        }
-        EXPECT_TRUE(found) << e.contentStart;
-    }
-    EXPECT_NE(documentText().find(std::to_string(si::kVertexStrideBytes) + " bytes"),
-              std::string::npos);
-}
-
-TEST(ShaderInterfaceDocument, CompiledExampleUsesTheDocumentedBindings) {
-    const CompiledShaders shaders = compileSceneShaders(exampleFile());
-    const std::string compute = disassemble(shaders.compute);
-    const std::string fragment = disassemble(shaders.fragment);
-    const std::string vertex = disassemble(shaders.vertex);
-    auto binding = [](const std::string& text, const std::string& variable) {
-        const std::regex decoration("OpDecorate %" + variable + " Binding (\\d+)");
+        const auto row = std::find_if(rows.begin(), rows.end(),
+                                      [&](const auto& r) { return r.size() > 2 && r[2].starts_with(e.contentStart); });
+        ASSERT_NE(row, rows.end()) << e.contentStart;
+        EXPECT_EQ(std::stoul((*row)[0]), e.binding) << e.contentStart;
+        const std::string text = disassemble(e.stage);
         std::smatch m;
-        return std::regex_search(text, m, decoration) ? std::stol(m[1]) : -1L;
-    };
-    EXPECT_EQ(binding(compute, "pool"), si::kVertexPoolBinding);
-    EXPECT_EQ(binding(compute, "drawArguments"), si::kIndirectArgumentsBinding);
-    EXPECT_EQ(binding(compute, "request"), si::kGeometryRequestBinding);
-    EXPECT_EQ(binding(vertex, "pool"), si::kVertexPoolBinding);
-    EXPECT_EQ(binding(fragment, "images"), si::kImageArrayBinding);
-    EXPECT_EQ(binding(fragment, "sceneDepth"), si::kSceneDepthBinding);
+        ASSERT_TRUE(std::regex_search(text, m, std::regex("OpDecorate %" + std::string(e.variable) + " Binding (\\d+)")))
+            << e.variable;
+        EXPECT_EQ(std::stoul(m[1]), e.binding) << e.variable;
+    }
     // The vertex stage sees the pool read-only.
-    EXPECT_NE(vertex.find("NonWritable"), std::string::npos);
-}
-
-// ---------------------------------------------------------------------------------------------
-// [SECTION] Indirect and feedback records
-// ---------------------------------------------------------------------------------------------
-
-TEST(ShaderInterfaceDocument, IndirectRecordTableMatchesTheHeader) {
-    const std::map<std::string, std::size_t> expected{
-        {"vertexCount", offsetof(DrawIndirectArguments, vertexCount)},
-        {"instanceCount", offsetof(DrawIndirectArguments, instanceCount)},
-        {"firstVertex", offsetof(DrawIndirectArguments, firstVertex)},
-        {"firstInstance", offsetof(DrawIndirectArguments, firstInstance)},
-    };
-    EXPECT_EQ(offsetsIn("indirect", 2), expected);
-}
-
-TEST(ShaderInterfaceDocument, FeedbackRecordTableMatchesTheHeader) {
-    const std::map<std::string, std::size_t> expected{
-        {"ownWord0", offsetof(GeometryRequest, shaderWord0)},
-        {"requestedVertexCount", offsetof(GeometryRequest, requestedVertexCount)},
-        {"overflowFlag", offsetof(GeometryRequest, overflowFlag)},
-        {"ownWord3", offsetof(GeometryRequest, shaderWord3)},
-    };
-    EXPECT_EQ(offsetsIn("feedback", 2), expected);
+    EXPECT_NE(disassemble(shaders.vertex).find("NonWritable"), std::string::npos);
+    EXPECT_NE(documentText().find(std::to_string(si::kVertexStrideBytes) + " bytes"), std::string::npos);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -280,23 +255,6 @@ TEST(ShaderInterfaceDocument, StageMacrosAndEntryFunctionsAreDocumented) {
     EXPECT_NE(doc.find("#define " + std::string(si::kVertexStageMacro) + " 1\n#define " +
                        std::string(si::kVertexEntry) + " main\n#line 1\n"),
               std::string::npos);
-}
-
-TEST(ShaderInterfaceRecords, FramePushConstantsIsSceneThenPass) {
-    FramePushConstants frame;
-    frame.scene.resolution = {1920.0f, 1080.0f};
-    frame.scene.vertexCapacity = 4096;
-    frame.pass.passIndex = si::kPassCompositeQuad;
-    const auto* bytes = reinterpret_cast<const unsigned char*>(&frame);
-    float width = 0.0f;
-    std::uint32_t capacity = 0, pass = 0;
-    std::memcpy(&width, bytes + 0, 4);
-    std::memcpy(&capacity, bytes + 24, 4);
-    std::memcpy(&pass, bytes + 32, 4);
-    EXPECT_EQ(width, 1920.0f);
-    EXPECT_EQ(capacity, 4096u);
-    EXPECT_EQ(pass, 2u);
-    EXPECT_EQ(frame.pass.reserved, (std::array<std::uint32_t, 3>{0, 0, 0}));
 }
 
 } // namespace

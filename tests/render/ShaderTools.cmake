@@ -7,7 +7,8 @@ brisvale_test(test_shader_compiler
   LIBS brisvale_render_tools SPIRV-Tools-static
   LABELS unit)
 target_compile_definitions(test_shader_compiler PRIVATE
-  BRISVALE_TEST_SHADER_DIR="${CMAKE_CURRENT_LIST_DIR}/shaders")
+  BRISVALE_TEST_SHADER_DIR="${CMAKE_CURRENT_LIST_DIR}/shaders"
+  BRISVALE_FRAME_INTERFACE="${PROJECT_SOURCE_DIR}/show/shaders/lib/frame.glsl")
 
 brisvale_test(test_image_decode
   SOURCES ${CMAKE_CURRENT_LIST_DIR}/ImageDecodeTest.cpp
@@ -20,4 +21,5 @@ brisvale_test(test_shader_interface
   LABELS unit)
 target_compile_definitions(test_shader_interface PRIVATE
   BRISVALE_TEST_SHADER_DIR="${CMAKE_CURRENT_LIST_DIR}/shaders"
-  BRISVALE_TEST_DOC="${PROJECT_SOURCE_DIR}/docs/shader-interface.md")
+  BRISVALE_TEST_DOC="${PROJECT_SOURCE_DIR}/docs/shader-interface.md"
+  BRISVALE_FRAME_INTERFACE="${PROJECT_SOURCE_DIR}/show/shaders/lib/frame.glsl")

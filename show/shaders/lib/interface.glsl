@@ -1,23 +1,6 @@
-// What the player hands every stage: the frame's push constants and set 0.
-layout(push_constant, std430) uniform Frame {
-    vec2 resolution; float timeSeconds; float deltaSeconds;
-    float showDurationSeconds; float renderEndSeconds; uint vertexCapacity; uint imageCount;
-    uint passIndex; uint passReserved0; uint passReserved1; uint passReserved2;
-} frame;
-
-#ifdef BRISVALE_COMPUTE
-layout(std430, set = 0, binding = 0) buffer VertexPool { float words[]; } pool;
-#else
-layout(std430, set = 0, binding = 0) readonly buffer VertexPool { float words[]; } pool;
-#endif
-layout(std430, set = 0, binding = 1) buffer DrawArguments {
-    uint vertexCount; uint instanceCount; uint firstVertex; uint firstInstance;
-} drawArguments;
-layout(std430, set = 0, binding = 2) buffer GeometryRequest {
-    uint ownWord0; uint requestedVertexCount; uint overflowFlag; uint ownWord3;
-} request;
-layout(set = 0, binding = 3) uniform sampler2DArray images;
-layout(set = 0, binding = 4) uniform sampler2D sceneDepth;
+// The player's interface, then what this show's files share: its vertex, image layers,
+// phases and beat grid.
+#include "frame.glsl"
 
 // Our vertex: clip-space x, y, depth (already divided by w), then straight-alpha colour.
 const uint FLOATS_PER_VERTEX = 7u;

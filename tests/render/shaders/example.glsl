@@ -1,26 +1,8 @@
 // A complete small show shader: a ring of spinning triangles over the show's images,
 // with a depth-based darkening in the finale's composite pass.
 
-layout(push_constant, std430) uniform Frame {
-    vec2 resolution; float timeSeconds; float deltaSeconds;
-    float showDurationSeconds; float renderEndSeconds; uint vertexCapacity; uint imageCount;
-    uint passIndex; uint passReserved0; uint passReserved1; uint passReserved2;
-} frame;
-
-// Only the compute function writes the pool; the vertex function must see it read-only.
-#ifdef BRISVALE_COMPUTE
-layout(std430, set = 0, binding = 0) buffer VertexPool { float words[]; } pool;
-#else
-layout(std430, set = 0, binding = 0) readonly buffer VertexPool { float words[]; } pool;
-#endif
-layout(std430, set = 0, binding = 1) buffer DrawArguments {
-    uint vertexCount; uint instanceCount; uint firstVertex; uint firstInstance;
-} drawArguments;
-layout(std430, set = 0, binding = 2) buffer GeometryRequest {
-    uint ownWord0; uint requestedVertexCount; uint overflowFlag; uint ownWord3;
-} request;
-layout(set = 0, binding = 3) uniform sampler2DArray images;
-layout(set = 0, binding = 4) uniform sampler2D sceneDepth;
+// The frame and set 0, as every show declares them: show/shaders/lib/frame.glsl.
+#include "lib/frame.glsl"
 
 const uint TRIANGLES = 2000u;        // 6000 vertices: more than the first pool of 4096
 const uint FLOATS_PER_VERTEX = 7u;   // x, y, z, r, g, b, a (this shader's own layout)

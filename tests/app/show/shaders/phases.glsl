@@ -5,25 +5,7 @@
 //   middle:            quad the image (blue) over the whole frame
 //   finale (t >= 142): quad yellow, triangles green, composite magenta band at the top
 
-layout(push_constant, std430) uniform Frame {
-    vec2 resolution; float timeSeconds; float deltaSeconds;
-    float showDurationSeconds; float renderEndSeconds; uint vertexCapacity; uint imageCount;
-    uint passIndex; uint passReserved0; uint passReserved1; uint passReserved2;
-} frame;
-
-#ifdef BRISVALE_COMPUTE
-layout(std430, set = 0, binding = 0) buffer VertexPool { float words[]; } pool;
-#else
-layout(std430, set = 0, binding = 0) readonly buffer VertexPool { float words[]; } pool;
-#endif
-layout(std430, set = 0, binding = 1) buffer DrawArguments {
-    uint vertexCount; uint instanceCount; uint firstVertex; uint firstInstance;
-} drawArgs;
-layout(std430, set = 0, binding = 2) buffer GeometryRequest {
-    uint ownWord0; uint requestedVertexCount; uint overflowFlag; uint ownWord3;
-} request;
-layout(set = 0, binding = 3) uniform sampler2DArray images;
-layout(set = 0, binding = 4) uniform sampler2D sceneDepth;
+#include "lib/frame.glsl"
 
 const uint kFloatsPerVertex = 7u;
 const uint kWantedVertices = 6u;
@@ -38,10 +20,10 @@ void scene_compute() {
     uint i = gl_GlobalInvocationID.x;
     if (i == 0u) {
         uint count = min(kWantedVertices, frame.vertexCapacity);
-        drawArgs.vertexCount = count;
-        drawArgs.instanceCount = 1u;
-        drawArgs.firstVertex = 0u;
-        drawArgs.firstInstance = 0u;
+        drawArguments.vertexCount = count;
+        drawArguments.instanceCount = 1u;
+        drawArguments.firstVertex = 0u;
+        drawArguments.firstInstance = 0u;
         request.requestedVertexCount = kWantedVertices;
         request.overflowFlag = kWantedVertices > frame.vertexCapacity ? 1u : 0u;
     }
