@@ -14,16 +14,6 @@
 namespace brisvale {
 namespace {
 
-TEST(AppClock, FirstTickDeltaEqualsTime) {
-    App app;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    const FrameInfo f = app.tick();
-    EXPECT_GT(f.timeSeconds, 0.0f);
-    EXPECT_EQ(f.deltaSeconds, f.timeSeconds);
-    EXPECT_EQ(f.showDurationSeconds, 0.0f);
-    EXPECT_EQ(f.renderEndSeconds, 0.0f);
-}
-
 TEST(AppClock, AClockStartedLaterReadsItsStartTimeAtOnce) {
     App app(142.5);
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
