@@ -1,4 +1,4 @@
-// The status-code descriptions and the logging switch.
+// The status-code descriptions (the logging switch: SongTest's failure paths).
 
 #include <gtest/gtest.h>
 
@@ -45,25 +45,6 @@ TEST(StatusDescription, EachKindReusesItsOwnBuffer) {
     get_osstatus_description(0x74797021);
     EXPECT_STREQ(code, "Error code: 'typ!' (0x74797021)") << "overwritten by the next four-character code";
     EXPECT_STREQ(unknown, "Unknown error: -1 (0xFFFFFFFF)");
-}
-
-TEST(ErrorLogging, OffByDefaultAndSwitchable) {
-    audio_song song{};
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(audio_song_load(&song, "/nonexistent/brisvale/song.flac"), -1);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-
-    audio_set_error_logging(true);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(audio_song_probe(&song, "/nonexistent/brisvale/song.flac"), -1);
-    const std::string on = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(on.rfind("ExtAudioFileOpenURL failed: ", 0), 0u) << on;
-    EXPECT_EQ(on.back(), '\n');
-
-    audio_set_error_logging(false);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(audio_song_probe(&song, "/nonexistent/brisvale/song.flac"), -1);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
 } // namespace
