@@ -78,6 +78,16 @@ protected:
         player_ = audio_player_create(&song_);
         ASSERT_NE(player_, nullptr);
     }
+    // The disk driver writes what is played to this file; complete once the player is destroyed.
+    std::string recordOutput() {
+        const std::string out = dir_.file("out.raw");
+        setenv("SDL_DISKAUDIOFILE", out.c_str(), 1);
+        return out;
+    }
+    void closeDevice() {
+        audio_player_destroy(player_);
+        player_ = nullptr;
+    }
 
     TempDir dir_;
     std::string path_;
@@ -319,8 +329,7 @@ std::vector<Sample> withoutSilentFrames(const std::vector<Sample>& samples, size
 
 TEST_F(PlayerTest, OutputCarriesTheVolumeButTheTapDoesNot_S16) {
     load(20000, 32000, 2, true);
-    const std::string out = dir_.file("out.raw");
-    setenv("SDL_DISKAUDIOFILE", out.c_str(), 1);
+    const std::string out = recordOutput();
     create();
     ASSERT_EQ(audio_player_set_volume(player_, 0.5f), 0);
     ASSERT_EQ(audio_player_start(player_), 0);
@@ -332,8 +341,7 @@ TEST_F(PlayerTest, OutputCarriesTheVolumeButTheTapDoesNot_S16) {
     const size_t n = signal_.size();
     EXPECT_EQ(recent[1], (signal_[n - 2] / 32768.0f + signal_[n - 1] / 32768.0f) / 2.0f);
 
-    audio_player_destroy(player_);  // closes the device: the file is complete
-    player_ = nullptr;
+    closeDevice();
     std::vector<int16_t> expected(signal_.size());
     for (size_t i = 0; i < signal_.size(); ++i) {
         expected[i] = static_cast<int16_t>(std::lrintf(signal_[i] * 0.5f));
@@ -344,8 +352,7 @@ TEST_F(PlayerTest, OutputCarriesTheVolumeButTheTapDoesNot_S16) {
 
 TEST_F(PlayerTest, OutputOfAFloatSongAtFullAndZeroVolume) {
     load(9000, 32000, 1, false);
-    const std::string out = dir_.file("out.raw");
-    setenv("SDL_DISKAUDIOFILE", out.c_str(), 1);
+    const std::string out = recordOutput();
     create();
     ASSERT_EQ(audio_player_start(player_), 0);
     std::vector<float> expected(signal_.size());
@@ -366,8 +373,7 @@ TEST_F(PlayerTest, OutputOfAFloatSongAtFullAndZeroVolume) {
     std::vector<float> recent(8);
     ASSERT_EQ(audio_player_get_recent_samples(player_, recent.data(), 8), 8u);
     EXPECT_EQ(recent[7], expected.back()) << "the tap is not silenced";
-    audio_player_destroy(player_);
-    player_ = nullptr;
+    closeDevice();
     // The first run at full volume, the second silent.
     EXPECT_EQ(withoutSilentFrames(readOutput<float>(out), 1), withoutSilentFrames(expected, 1));
 }
@@ -396,8 +402,7 @@ TEST_F(PlayerTest, TheClockCountsOnlyWhatTheDeviceHasPlayed) {
 // every frame of the song once, in order.
 TEST_F(PlayerTest, PauseAndResumeNeitherSkipNorRepeatAFrame) {
     load(32000 * 4, 32000, 2, true);
-    const std::string out = dir_.file("out.raw");
-    setenv("SDL_DISKAUDIOFILE", out.c_str(), 1);
+    const std::string out = recordOutput();
     setenv("SDL_DISKAUDIODELAY", "8", 1);  // four times real time: a busy machine still pauses in time
     create();
     ASSERT_EQ(audio_player_start(player_), 0);
@@ -408,15 +413,13 @@ TEST_F(PlayerTest, PauseAndResumeNeitherSkipNorRepeatAFrame) {
         ASSERT_EQ(audio_player_resume(player_), 0);
     }
     ASSERT_TRUE(waitUntil([&] { return audio_player_is_done(player_) && playedOut(player_); }));
-    audio_player_destroy(player_);
-    player_ = nullptr;
+    closeDevice();
     EXPECT_EQ(withoutSilentFrames(readOutput<int16_t>(out), 2), withoutSilentFrames(signal_, 2));
 }
 
 TEST_F(PlayerTest, SeekLandsOnTheExactFrameInTheOutput) {
     load(32000 * 2, 32000, 2, true);
-    const std::string out = dir_.file("out.raw");
-    setenv("SDL_DISKAUDIOFILE", out.c_str(), 1);
+    const std::string out = recordOutput();
     create();
     ASSERT_EQ(audio_player_start(player_), 0);
     ASSERT_EQ(audio_player_stop(player_), 0);
@@ -425,8 +428,7 @@ TEST_F(PlayerTest, SeekLandsOnTheExactFrameInTheOutput) {
     EXPECT_EQ(player_->resume_frame, target);
     ASSERT_EQ(audio_player_resume(player_), 0);
     ASSERT_TRUE(waitUntil([&] { return audio_player_is_done(player_) && playedOut(player_); }));
-    audio_player_destroy(player_);
-    player_ = nullptr;
+    closeDevice();
 
     // Whatever the short first run played comes from the start of the song; then the song from
     // the target frame to its end, and nothing else.
