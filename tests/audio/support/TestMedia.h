@@ -1,5 +1,5 @@
 #pragma once
-// Test media: real encoded files written with FFmpeg's encoders into a temporary directory,
+// Test media: real encoded files written by the ffmpeg program into a temporary directory,
 // the signals they carry, and small file helpers.
 
 #include <cstdint>
