@@ -7,8 +7,9 @@
 #include <fstream>
 #include <iterator>
 #include <string>
-#include <unistd.h>
 #include <vector>
+
+#include "support/TestSupport.h"
 
 namespace {
 
@@ -51,27 +52,8 @@ private:
     fs::path root_;
 };
 
-class TempRoot {
-public:
-    TempRoot() {
-        std::string pattern = (fs::temp_directory_path() / "brisvale-show-XXXXXX").string();
-        if (!mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
-        path_ = pattern;
-    }
-    ~TempRoot() {
-        std::error_code ignored;
-        fs::remove_all(path_, ignored);
-    }
-    TempRoot(const TempRoot&) = delete;
-    TempRoot& operator=(const TempRoot&) = delete;
-    const fs::path& path() const { return path_; }
-
-private:
-    fs::path path_;
-};
-
 TEST(ShowBuild, TwoBuildsGiveTheSameDemoDat) {
-    TempRoot root;
+    brisvale::testing::TempDir root;
     const Build first(root.path() / "a"), second(root.path() / "b");
     const fs::path a = first.make(), b = second.make();
     ASSERT_TRUE(fs::exists(a));

@@ -2,8 +2,6 @@
 
 #include "support/TestMedia.h"
 
-#include <unistd.h>
-
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -32,19 +30,6 @@ void ffmpeg(const std::string& arguments) {
 std::string quoted(const std::string& text) { return "'" + text + "'"; }
 
 } // namespace
-
-TempDir::TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "brisvale-audio-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) {
-        throw std::runtime_error("mkdtemp failed");
-    }
-    path_ = pattern;
-}
-
-TempDir::~TempDir() {
-    std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
-}
 
 std::vector<int16_t> makeSignal(int64_t frames, int channels, int sampleRate, float amplitude) {
     std::vector<int16_t> s(static_cast<size_t>(frames * channels));
