@@ -42,6 +42,11 @@ TEST(CommandLine, NoArgumentsIsThePlayerAsShippedAndEachOptionSetsItsFieldOnly) 
               "show 0 '' windowed 0 start 0 validation 1 stats 0 help 0 version 0 arguments 1");
     EXPECT_EQ(fieldsOf(parse({"--frame-pump-stats"})),
               "show 0 '' windowed 0 start 0 validation 0 stats 1 help 0 version 0 arguments 1");
+    // --timings, author mode's switch of its own.
+    EXPECT_FALSE(parse({"shows/dir"}).timings);
+    EXPECT_TRUE(parse({"--timings", "shows/dir"}).timings);
+    EXPECT_EQ(fieldsOf(parse({"--timings", "shows/dir"})),
+              "show 2 'shows/dir' windowed 1 start 0 validation 0 stats 0 help 0 version 0 arguments 1");
 }
 
 TEST(CommandLine, StartTakesItsValueInEitherFormAndTheLastOneCounts) {
@@ -164,14 +169,6 @@ TEST(CommandLine, EveryOptionTheHelpDescribesIsTakenAndInTheUsageLine) {
         ++described;
     }
     EXPECT_GE(described, 6);
-}
-
-TEST(CommandLine, TimingsIsAnAuthorModeSwitchOfItsOwn) {
-    EXPECT_FALSE(parse({"shows/dir"}).timings);
-    const PlayerOptions timed = parse({"--timings", "shows/dir"});
-    EXPECT_TRUE(timed.timings);
-    EXPECT_EQ(fieldsOf(timed),
-              "show 2 'shows/dir' windowed 1 start 0 validation 0 stats 0 help 0 version 0 arguments 1");
 }
 
 } // namespace
