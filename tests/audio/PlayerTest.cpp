@@ -122,8 +122,6 @@ TEST_F(PlayerTest, CreateStartTwiceAndTheNullCases) {
 
     ASSERT_EQ(audio_player_start(player_), 0);
     EXPECT_EQ(flags(player_), kPlaying);
-    EXPECT_EQ(player_->buffer_count, 6u);
-    EXPECT_EQ(player_->buffer_frames, 2048u);
     EXPECT_EQ(player_->buffers[0]->capacityBytes, 2048u * 4u) << "16-bit stereo";
     EXPECT_GE(audio_player_get_time(player_), 0.0);
     EXPECT_EQ(audio_player_start(player_), -1);
