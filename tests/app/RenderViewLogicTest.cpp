@@ -235,22 +235,20 @@ TEST(FramePump, ATimerThreadNeverQueuesMoreThanOneFrame) {
     EXPECT_EQ(view.frames.size(), 200u);
 }
 
-TEST(FramePump, AFrameBeforeTheShowStartsDrawsNothingButClearsTheFlag) {
+TEST(FramePump, NothingIsDrawnBeforeTheShowStartsNorWithoutARenderer) {
     RecordingView view;
     view.scheduleDrawFrame();
     ASSERT_TRUE(view.runOneTask());
     EXPECT_TRUE(view.frames.empty());
     EXPECT_TRUE(view.resizes.empty());
     view.scheduleDrawFrame();
-    EXPECT_EQ(view.queued(), 1u);
-}
+    EXPECT_EQ(view.queued(), 1u) << "the frame cleared the flag";
 
-TEST(FramePump, NoRendererDrawsNothing) {
-    RecordingView view({}, /*withRenderer=*/false);
-    view.startRendering();
-    view.scheduleDrawFrame();
-    ASSERT_TRUE(view.runOneTask());
-    EXPECT_TRUE(view.frames.empty());
+    RecordingView withoutRenderer({}, /*withRenderer=*/false);
+    withoutRenderer.startRendering();
+    withoutRenderer.scheduleDrawFrame();
+    ASSERT_TRUE(withoutRenderer.runOneTask());
+    EXPECT_TRUE(withoutRenderer.frames.empty());
 }
 
 // ---------------------------------------------------------------------------------------------
