@@ -125,14 +125,8 @@ protected:
         frames_ = static_cast<int64_t>(kSeconds * c.rate);
         signal_ = brisvale::test::makeSignal(frames_, c.channels, c.rate);
         path_ = dir_.file(std::string("song.") + c.extension);
-        EncodeRequest request;
-        request.muxer = c.muxer;
-        request.encoder = c.encoder;
-        request.sampleRate = c.rate;
-        request.channels = c.channels;
-        request.muxerOptions = c.muxerOptions;
-        request.streamed = c.streamed;
-        brisvale::test::encodeFile(path_, request, signal_);
+        brisvale::test::encodeFile(path_, {c.muxer, c.encoder, c.rate, c.channels, {}, {}, c.muxerOptions, c.streamed},
+                                   signal_);
     }
 
     TempDir dir_;
