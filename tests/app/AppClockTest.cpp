@@ -138,7 +138,7 @@ TEST(ShowTransport, MovesSeekTheMusicAndSetTheClockFromItsAnswer) {
     EXPECT_TRUE(transport.holdingEnd());
 }
 
-TEST(ShowTransport, FramesStepOnlyWhilePaused) {
+TEST(ShowTransport, FramesStepOnlyWhilePausedAndHomeKeepsThePause) {
     ScriptedMusic music;
     music.rate = 44100.0;
     ShowTransport transport(music, kFrame);
@@ -156,6 +156,12 @@ TEST(ShowTransport, FramesStepOnlyWhilePaused) {
     EXPECT_NEAR(transport.tick().timeSeconds, 3.0 - kFrame, 2.0 / 44100.0);
     EXPECT_TRUE(transport.paused());
     EXPECT_EQ(transport.tick().deltaSeconds, 0.0f);
+
+    // Home while paused stays paused, at 0.
+    transport.goToStart();
+    EXPECT_TRUE(transport.paused());
+    EXPECT_EQ(transport.tick().timeSeconds, 0.0f);
+    EXPECT_EQ(std::count(music.calls.begin(), music.calls.end(), "resume"), 0);
 }
 
 TEST(ShowTransport, TheEndHoldsItsFrameAndHomeOrSpacePlaysFromTheStart) {
@@ -186,18 +192,6 @@ TEST(ShowTransport, TheEndHoldsItsFrameAndHomeOrSpacePlaysFromTheStart) {
         EXPECT_FALSE(transport.paused());
         EXPECT_LT(transport.tick().timeSeconds, 1.0f);
     }
-}
-
-TEST(ShowTransport, HomeWhilePausedStaysPausedAtZero) {
-    ScriptedMusic music;
-    ShowTransport transport(music, kFrame);
-    transport.start(5.0, 10.0f, 13.75f);
-    music.position = 5.0;
-    transport.togglePause();
-    transport.goToStart();
-    EXPECT_TRUE(transport.paused());
-    EXPECT_EQ(transport.tick().timeSeconds, 0.0f);
-    EXPECT_EQ(std::count(music.calls.begin(), music.calls.end(), "resume"), 0);
 }
 
 TEST(ShowTransport, WithoutMusicMovesGoWhereAskedAndTheShowNeverEnds) {
