@@ -45,8 +45,6 @@ public:
         EXPECT_EQ(run(std::string(BRISVALE_PACK) + " -o " + out.string() + " " + stage.string()), 0);
         return out;
     }
-    fs::path generated(const char* name) const { return root_ / "generated" / "images" / name; }
-    fs::path music() const { return root_ / "stage" / "music" / "lanterns-over-brisvale.ogg"; }
 
 private:
     fs::path root_;
@@ -58,13 +56,9 @@ TEST(ShowBuild, TwoBuildsGiveTheSameDemoDat) {
     const fs::path a = first.make(), b = second.make();
     ASSERT_TRUE(fs::exists(a));
     ASSERT_TRUE(fs::exists(b));
-    for (const char* image : {"title.png", "marble.png", "palette.png", "pattern.png", "cover.png"})
-        EXPECT_EQ(bytesOf(first.generated(image)), bytesOf(second.generated(image))) << image;
-    const std::vector<char> musicA = bytesOf(first.music());
-    EXPECT_GT(musicA.size(), 1000000u);
-    EXPECT_EQ(musicA, bytesOf(second.music()));
+    // The images and the music (with its cover) are all inside.
     const std::vector<char> packedA = bytesOf(a);
-    EXPECT_GT(packedA.size(), musicA.size());
+    EXPECT_GT(packedA.size(), 1000000u);
     EXPECT_EQ(packedA, bytesOf(b));
 }
 
