@@ -2,8 +2,6 @@
 // of SHOW, and every command line that must be refused.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <cctype>
 #include <filesystem>
 #include <fstream>
@@ -12,6 +10,7 @@
 #include <vector>
 
 #include "app/CommandLine.h"
+#include "support/TestSupport.h"
 
 namespace brisvale {
 namespace {
@@ -87,14 +86,12 @@ TEST(CommandLine, ShowFormsAndWhereEachStarts) {
     EXPECT_EQ(parse({"-"}).showPath, "-");
 
     // The real file system decides by default.
-    const std::filesystem::path dir =
-        std::filesystem::temp_directory_path() / ("brisvale-cli-" + std::to_string(::getpid()));
-    std::filesystem::create_directories(dir);
+    const testing::TempDir temp;
+    const std::filesystem::path dir = temp.path();
     std::ofstream(dir / "demo.dat") << "x";
     EXPECT_EQ(parseCommandLine({dir.string()}).showKind, ShowKind::Directory);
     EXPECT_EQ(parseCommandLine({(dir / "demo.dat").string()}).showKind, ShowKind::PackedFile);
     EXPECT_EQ(parseCommandLine({(dir / "missing.dat").string()}).showKind, ShowKind::PackedFile);
-    std::filesystem::remove_all(dir);
 }
 
 TEST(CommandLine, RefusedCommandLinesSayWhy) {

@@ -361,6 +361,7 @@ class ShowStart : public ::testing::TestWithParam<Outcome> {};
 
 TEST_P(ShowStart, StartsTearsDownInOrderAndReleasesTheBlockOnce) {
     const Outcome& o = GetParam();
+    SCOPED_TRACE(o.name);
     int freed = 0;
     {
         RecordingView view(o.music);
@@ -383,7 +384,7 @@ TEST_P(ShowStart, StartsTearsDownInOrderAndReleasesTheBlockOnce) {
         view.calls.clear();
     }
     // Every block handed to the library was released exactly once, by the library or the song.
-    EXPECT_EQ(freed, o.music.missingInArchive ? 0 : 1) << o.name;
+    EXPECT_EQ(freed, o.music.missingInArchive ? 0 : 1);
 }
 
 const Calls kTornDownAll{"showCursor", "stopDisplayTimer", "destroyPlayer", "destroySong"};
@@ -430,12 +431,7 @@ INSTANTIATE_TEST_SUITE_P(
                 {"Failed to load audio asset: Missing file in demo archive: song.flac"},
                 false,
                 0.0f,
-                0}),
-    [](const ::testing::TestParamInfo<Outcome>& info) {
-        std::string name = info.param.name;
-        for (char& c : name) if (c == ' ') c = '_';
-        return name;
-    });
+                0}));
 
 // The player told to begin later: the clock starts at that time, the music is sought there once
 // its player has started, and a seek that fails leaves the show running with its end time.
