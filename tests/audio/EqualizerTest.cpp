@@ -248,8 +248,6 @@ TEST(SampleTap, RingKeepsTheNewestMonoSamplesOldestFirst) {
     }
     rig.process(s.data(), 6000);
     rig.process(s.data() + 6000 * 2, 4000);
-    EXPECT_EQ(rig.p()->recent_count, 8192u);
-    EXPECT_EQ(rig.p()->recent_write, (10000u % 8192u));
 
     std::vector<float> out(10000, -9.0f);
     ASSERT_EQ(audio_player_get_recent_samples(rig.p(), out.data(), 100), 100u);

@@ -139,8 +139,6 @@ TEST_F(PlayerTest, PauseResumeAndTheClock) {
     EXPECT_EQ(flags(player_), kPaused);
     const double held = audio_player_get_time(player_);
     EXPECT_GE(held, before);
-    EXPECT_EQ(held, player_->paused_seconds);
-    EXPECT_EQ(player_->resume_frame, static_cast<int64_t>(held * 32000));
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_EQ(audio_player_get_time(player_), held) << "the clock holds while paused";
     EXPECT_EQ(audio_player_pause(player_), -1) << "pausing twice";
@@ -149,7 +147,6 @@ TEST_F(PlayerTest, PauseResumeAndTheClock) {
     ASSERT_EQ(audio_player_resume(player_), 0);
     EXPECT_EQ(flags(player_), kPlaying);
     const double resumedAt = static_cast<double>(player_->resume_frame) / 32000.0;
-    EXPECT_EQ(player_->base_seconds, resumedAt);
     EXPECT_GE(audio_player_get_time(player_), resumedAt);
     ASSERT_TRUE(waitUntil([&] { return audio_player_get_time(player_) > resumedAt + 0.05; }));
     EXPECT_LT(audio_player_get_time(player_), 8.0);
