@@ -29,9 +29,7 @@ TEST(StatusDescription, EverythingElseIsUnknown) {
     EXPECT_STREQ(get_osstatus_description(0x7F616263), "Unknown error: 2137088611 (0x7F616263)");
     EXPECT_STREQ(get_osstatus_description(0x61806263), "Unknown error: 1635803747 (0x61806263)");
     EXPECT_STREQ(get_osstatus_description(0x61621F63), "Unknown error: 1633820515 (0x61621F63)");
-    const std::string lowest = get_osstatus_description(INT32_MIN);
-    EXPECT_EQ(lowest, "Unknown error: -2147483648 (0x80000000)");
-    EXPECT_EQ(lowest.size(), 39u);
+    EXPECT_STREQ(get_osstatus_description(INT32_MIN), "Unknown error: -2147483648 (0x80000000)");
 }
 
 TEST(StatusDescription, EachKindReusesItsOwnBuffer) {

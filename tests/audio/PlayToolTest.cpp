@@ -23,9 +23,7 @@ struct ToolRun {
 ToolRun run(const std::string& command) {
     ToolRun r;
     FILE* pipe = popen((command + " 2>&1 </dev/null").c_str(), "r");
-    if (pipe == nullptr) {
-        return r;
-    }
+    if (pipe == nullptr) return r;
     char buf[512];
     while (std::fgets(buf, sizeof buf, pipe) != nullptr) {
         r.output += buf;
