@@ -395,8 +395,7 @@ TEST_F(PlayerE2E, TheCommandLineIsAnsweredWithoutADisplay) {
     const std::vector<Case> cases = {
         {{"--help"}, 0, "Usage: brisvale [OPTIONS] [SHOW]\n", "", 0},
         {{"--version"}, 0, "brisvale ", "", 1},
-        {{"--bogus"}, 2, "", "brisvale: unknown option '--bogus'\nUsage: brisvale [", 2},
-        {{"--windowed", "--start"}, 2, "", "brisvale: --start needs a value (SECONDS)\nUsage: brisvale [", 2},
+        {{"--windowed", "--bogus"}, 2, "", "brisvale: unknown option '--bogus'\nUsage: brisvale [", 2},
     };
     for (const Case& c : cases) {
         std::vector<std::string> argv{"env", "-u", "DISPLAY", "-u", "WAYLAND_DISPLAY", bundle.player().string()};
