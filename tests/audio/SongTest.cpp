@@ -360,15 +360,23 @@ TEST(SongTags, UntaggedFileHasEmptyTagsAndLongTitlesComeOutEmpty) {
     EXPECT_EQ(song.artist, fits);
 }
 
-// A tag must fit the library's 512-byte buffer with its terminator.
-TEST(SongTags, ATagFillingTheBufferComesOutEmpty) {
+// A tag must fit the library's 512-byte buffer with its terminator. Of the artwork keys the first
+// present wins, even when empty (the container's own picture is then looked for).
+TEST(SongTags, ATagFillingTheBufferComesOutEmptyAndTheFirstArtworkKeyWins) {
     platform::InfoDictionary info;
     info.strings["title"] = std::string(511, 'a');
     info.strings["genre"] = std::string(512, 'b');
+    info.blobs["album artwork"] = {2};
+    info.blobs["Album Artwork"] = {3, 3};
     audio_metadata m;
     audio_metadata_from_info(info, &m);
     EXPECT_EQ(m.title.size(), 511u);
     EXPECT_TRUE(m.genre.empty());
+    EXPECT_EQ(m.artwork, (std::vector<uint8_t>{2}));
+    info.blobs["artwork"] = {};
+    m = {};
+    audio_metadata_from_info(info, &m);
+    EXPECT_TRUE(m.artwork.empty());
 }
 
 // ---------------------------------------------------------------------------------------------
