@@ -141,7 +141,6 @@ TEST_P(SongFormatTest, FileLoadDeliversFloatFramesOfTheFilesOwnShape) {
     ASSERT_EQ(audio_song_load(&song, path_.c_str()), 0);
     const AudioStreamBasicDescription& f = song.clientFormat;
     EXPECT_EQ(f.mSampleRate, c.rate);
-    EXPECT_EQ(f.mFormatID, 0x6C70636Du);
     EXPECT_EQ(f.mFormatFlags, 9u);
     EXPECT_EQ(f.mBitsPerChannel, 32u);
     EXPECT_EQ(f.mChannelsPerFrame, static_cast<uint32_t>(c.channels));
@@ -500,18 +499,12 @@ TEST(SongFailures, PathFailuresReturnMinusOneAndReportOnlyWithLoggingOn) {
     EXPECT_EQ(audio_song_probe(&song, dir.path().c_str()), -1) << "a directory fails before any decoder";
     EXPECT_EQ(audio_song_load(&song, nullptr), -1);
     EXPECT_EQ(audio_song_probe(nullptr, missing.c_str()), -1);
+    EXPECT_EQ(audio_song_load_from_memory(&song, brisvale::test::mallocCopy(std::vector<uint8_t>(2000, 0x41)), 2000), -1);
     const std::string out = testing::internal::GetCapturedStderr();
     audio_set_error_logging(false);
     EXPECT_EQ(out.rfind("ExtAudioFileOpenURL failed: -", 0), 0u) << out;
-    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1) << out;
-
-    const std::vector<uint8_t> junk(2000, 0x41);
-    audio_set_error_logging(true);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(audio_song_load_from_memory(&song, brisvale::test::mallocCopy(junk), 2000), -1);
-    const std::string memOut = testing::internal::GetCapturedStderr();
-    audio_set_error_logging(false);
-    EXPECT_EQ(memOut.rfind("AudioFileOpenWithCallbacks failed: -", 0), 0u) << memOut;
+    EXPECT_NE(out.find("\nAudioFileOpenWithCallbacks failed: -"), std::string::npos) << out;
+    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 2) << out;
 
     testing::internal::CaptureStderr();
     EXPECT_EQ(audio_song_load(&song, missing.c_str()), -1);
