@@ -443,7 +443,7 @@ TEST(SongMemory, ReadAndSeekDeliverTheSongsOwnFramesWithoutAPlayer) {
     EXPECT_EQ(audio_song_seek(&song, -1), -1);
 
     // Forwards past where a read stands, then back; each read begins at the frame asked for.
-    for (const int64_t target : {int64_t{20011}, int64_t{3}, int64_t{29000}}) {
+    for (const int64_t target : {int64_t{20011}, int64_t{3}, int64_t{0}, int64_t{29000}}) {
         ASSERT_EQ(audio_song_seek(&song, target), 0);
         frames = 4000;
         ASSERT_EQ(audio_song_read(&song, out.data(), &frames), 0);
