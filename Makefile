@@ -13,7 +13,7 @@ export LSAN_OPTIONS  := suppressions=$(CURDIR)/tests/lsan.supp:print_suppression
 export UBSAN_OPTIONS := print_stacktrace=1:halt_on_error=1
 export ASAN_OPTIONS  := detect_leaks=1:abort_on_error=0
 
-.PHONY: all deps build run test test-fast bench fuzz install clean
+.PHONY: all deps build run test test-fast bench fuzz mutants install clean
 
 all: build
 
@@ -42,6 +42,10 @@ test: build
 test-fast: build
 	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
 
+# Each small fault of scripts/mutants.list in turn (in build-mutants/), and how many the tests catch.
+mutants: deps
+	@JOBS=$(JOBS) scripts/mutants
+
 bench: build
 	@scripts/run-benchmarks $(BUILD)
 
@@ -57,4 +61,4 @@ install: build
 	@cmake --install $(BUILD) --prefix $(PREFIX)
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) build-mutants

@@ -1,3 +1,11 @@
+// Author mode's live-reload decisions: when a burst of file events is over, which files
+// changed, what of the running show that calls for, and errors that name the author's files.
+//
+// [SECTION] Bursts
+// [SECTION] Changed files
+// [SECTION] Plan
+// [SECTION] Messages
+
 #include "app/LiveReload.h"
 
 #include <algorithm>
@@ -15,7 +23,8 @@ bool isDigit(char c) { return c >= '0' && c <= '9'; }
 } // namespace
 
 // ---------------------------------------------------------------------------------------------
-// [BURSTS]
+// [SECTION] Bursts
+// ---------------------------------------------------------------------------------------------
 
 void ChangeBurst::note(bool completesAFile, Clock::time_point at) {
     if (events_ == 0) {
@@ -32,7 +41,8 @@ ChangeBurst::Clock::time_point ChangeBurst::dueAt() const {
 }
 
 // ---------------------------------------------------------------------------------------------
-// [CHANGED FILES]
+// [SECTION] Changed files
+// ---------------------------------------------------------------------------------------------
 
 ShowFingerprints fingerprintShow(const DemoArchive& archive) {
     ShowFingerprints prints;
@@ -63,7 +73,8 @@ std::vector<std::string> changedFiles(const ShowFingerprints& before, const Show
 }
 
 // ---------------------------------------------------------------------------------------------
-// [PLAN]
+// [SECTION] Plan
+// ---------------------------------------------------------------------------------------------
 
 ReloadPlan planReload(const std::vector<std::string>& changed, const ShowFiles& files) {
     ReloadPlan plan;
@@ -101,7 +112,8 @@ std::string describeFiles(const std::vector<std::string>& files) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// [MESSAGES]
+// [SECTION] Messages
+// ---------------------------------------------------------------------------------------------
 
 std::string withFilesOnDisk(std::string_view message, const std::string& directory,
                             const std::function<bool(std::string_view)>& isShowFile) {

@@ -5,7 +5,10 @@
 // author's file. The watcher (app/platform/DirectoryWatcher) and the reload itself
 // (app/platform/AuthorMode) act on them.
 //
-// Sections: [BURSTS] [CHANGED FILES] [PLAN] [MESSAGES]
+// [SECTION] Bursts
+// [SECTION] Changed files
+// [SECTION] Plan
+// [SECTION] Messages
 
 #include <chrono>
 #include <cstddef>
@@ -20,7 +23,8 @@
 
 namespace brisvale {
 
-// [BURSTS] Editors save with several events (a temporary file written, closed and renamed over
+// [SECTION] Bursts
+// Editors save with several events (a temporary file written, closed and renamed over
 // the old one): events close together are one change. A change is over when 50 ms pass without
 // an event, or 10 ms after an event that completes a file (closed after writing, or renamed
 // into place), which is how a save ends; a file written without a pause is still picked up
@@ -47,7 +51,8 @@ private:
     Clock::time_point last_;
 };
 
-// [CHANGED FILES] A show's files by archive path, each as its size and a hash of its bytes: what
+// [SECTION] Changed files
+// A show's files by archive path, each as its size and a hash of its bytes: what
 // a show was built from, without keeping the bytes.
 struct FileFingerprint {
     std::uint64_t size = 0;
@@ -60,7 +65,8 @@ ShowFingerprints fingerprintShow(const DemoArchive& archive);
 // Every path added, removed or different, in path order.
 std::vector<std::string> changedFiles(const ShowFingerprints& before, const ShowFingerprints& after);
 
-// [PLAN] What the running show was built from, by part. A part whose last build failed is built
+// [SECTION] Plan
+// What the running show was built from, by part. A part whose last build failed is built
 // again on any change: which files it would read is not known.
 struct ShowFiles {
     std::string manifest = "demo.ini";
@@ -85,7 +91,8 @@ ReloadPlan planReload(const std::vector<std::string>& changed, const ShowFiles& 
 // "shaders/main.glsl", "a.glsl, b.glsl and 3 more": the files of a reload, for its one line.
 std::string describeFiles(const std::vector<std::string>& files);
 
-// [MESSAGES] `message` with each location "<file>:<line>:" whose file `isShowFile` knows (an
+// [SECTION] Messages
+// `message` with each location "<file>:<line>:" whose file `isShowFile` knows (an
 // archive path of the show directory) named by its path on disk, `directory` joined with it, as
 // the author's editor and terminal know it.
 std::string withFilesOnDisk(std::string_view message, const std::string& directory,

@@ -31,7 +31,7 @@ bool showHasEnded(float timeSeconds, float renderEndSeconds) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// [PUMP]
+// [SECTION] Pump
 
 void RenderViewLogic::scheduleDrawFrame() {
     counters_.ticks.fetch_add(1, std::memory_order_relaxed);
@@ -52,7 +52,7 @@ void RenderViewLogic::scheduleDrawFrame() {
 }
 
 // ---------------------------------------------------------------------------------------------
-// [FRAME]
+// [SECTION] Frame
 
 void RenderViewLogic::drawFrame() {
     {
@@ -89,7 +89,7 @@ void RenderViewLogic::drawFrame() {
 }
 
 // ---------------------------------------------------------------------------------------------
-// [SIZE]
+// [SECTION] Size
 
 void RenderViewLogic::updateDrawableSize() {
     DrawableGeometry geometry;
@@ -108,7 +108,7 @@ void RenderViewLogic::updateDrawableSize() {
 }
 
 // ---------------------------------------------------------------------------------------------
-// [KEYS]
+// [SECTION] Keys
 
 void RenderViewLogic::keyDown(const KeyPress& key) {
     switch (keyActionFor(key)) {
@@ -125,7 +125,7 @@ void RenderViewLogic::keyDown(const KeyPress& key) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// [CURSOR]
+// [SECTION] Cursor
 
 void RenderViewLogic::hideCursorIfNeeded() {
     if (cursorHidden_) {
@@ -144,7 +144,7 @@ void RenderViewLogic::showCursorIfNeeded() {
 }
 
 // ---------------------------------------------------------------------------------------------
-// [SHOW START]
+// [SECTION] Show start
 
 void RenderViewLogic::startRendering() {
     if (renderingStarted_) {
@@ -200,7 +200,7 @@ void RenderViewLogic::startMusic(double startSeconds) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// [TIME CONTROL]
+// [SECTION] Time control
 
 bool RenderViewLogic::reloadMusic() {
     if (hasPlayer()) {
@@ -217,7 +217,7 @@ bool RenderViewLogic::reloadMusic() {
 }
 
 // ---------------------------------------------------------------------------------------------
-// [TEARDOWN]
+// [SECTION] Teardown
 
 void RenderViewLogic::tearDown() {
     showCursorIfNeeded();

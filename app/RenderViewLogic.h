@@ -7,7 +7,15 @@
 // The platform half (app/platform/MetalView) derives from it and answers the hooks below with
 // SDL, the renderer and the audio library; tests answer them with a recording fake.
 //
-// Sections: [PUMP] [FRAME] [SIZE] [KEYS] [CURSOR] [SHOW START] [TIME CONTROL] [TEARDOWN] [HOOKS]
+// [SECTION] Pump
+// [SECTION] Frame
+// [SECTION] Size
+// [SECTION] Keys
+// [SECTION] Cursor
+// [SECTION] Show start
+// [SECTION] Time control
+// [SECTION] Teardown
+// [SECTION] Hooks
 
 #include <atomic>
 #include <chrono>
@@ -48,29 +56,36 @@ public:
     RenderViewLogic(const RenderViewLogic&) = delete;
     RenderViewLogic& operator=(const RenderViewLogic&) = delete;
 
-    // [PUMP] Display-timer thread. Queues one frame task unless one is already waiting.
+    // [SECTION] Pump
+    // Display-timer thread. Queues one frame task unless one is already waiting.
     void scheduleDrawFrame();
 
-    // [FRAME] Main thread: the queued frame task.
+    // [SECTION] Frame
+    // Main thread: the queued frame task.
     void drawFrame();
 
-    // [SIZE] Main thread: at the end of stage A, on every frame-size change, at every frame.
+    // [SECTION] Size
+    // Main thread: at the end of stage A, on every frame-size change, at every frame.
     void updateDrawableSize();
 
-    // [KEYS] Main thread: the view's key table (the menu's key equivalents come first, elsewhere).
+    // [SECTION] Keys
+    // Main thread: the view's key table (the menu's key equivalents come first, elsewhere).
     void keyDown(const KeyPress& key);
 
-    // [CURSOR] Main thread. The flag keeps the platform's counted hide/show calls balanced.
+    // [SECTION] Cursor
+    // Main thread. The flag keeps the platform's counted hide/show calls balanced.
     void hideCursorIfNeeded();
     void showCursorIfNeeded();
 
-    // [SHOW START] Stage B, main thread, on each full-screen entry; acts on the first call only.
+    // [SECTION] Show start
+    // Stage B, main thread, on each full-screen entry; acts on the first call only.
     void startRendering();
     // Before stage B: the show time the clock starts at (0 unless the player was told otherwise);
     // the music is sought to it once its player has started.
     void setShowStartSeconds(double seconds) { showStartSeconds_ = seconds; }
 
-    // [TIME CONTROL] Author mode only, set before stage B: frames take their time from
+    // [SECTION] Time control
+    // Author mode only, set before stage B: frames take their time from
     // `transport` (played, paused and moved by the author) instead of the show clock, and the
     // show's end holds its last frame instead of quitting. Not owned; outlives the frames.
     void setTimeControl(ShowTransport* transport) { timeControl_ = transport; }
@@ -91,12 +106,14 @@ protected:
     // The hooks are virtual, so the teardown must run from the most-derived destructor.
     ~RenderViewLogic() = default;
 
-    // [TEARDOWN] Cursor, display timer, player, song: in this order, each only when present.
+    // [SECTION] Teardown
+    // Cursor, display timer, player, song: in this order, each only when present.
     // The derived view then releases its members (layer, device, song record, manifest,
     // archive, renderer, clock) by declaration order.
     void tearDown();
 
-    // [HOOKS] Platform: window, screen, layer, main queue, application, cursor, log.
+    // [SECTION] Hooks
+    // Platform: window, screen, layer, main queue, application, cursor, log.
     virtual bool windowIsFullScreen() const = 0;
     virtual double windowBackingScale() const = 0;  // 0 when the view has no window
     virtual double mainScreenBackingScale() const = 0;

@@ -3,6 +3,11 @@
 //
 // States (running, paused, done): Created (0,0,0); Playing (1,0,0); Paused (1,1,0);
 // Ran out (0,0,1); Ran out during priming (1,0,1); Stopped (0,any,1).
+//
+// [SECTION] Refill
+// [SECTION] Creation
+// [SECTION] Transport
+// [SECTION] Queries and destruction
 
 #include <cmath>
 #include <cstdio>
@@ -22,7 +27,10 @@ double sampleRate(const audio_player* p) { return p->song != nullptr ? p->song->
 
 } // namespace
 
-// [REFILL] On the queue's thread for every played buffer, and on the caller's thread while
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Refill
+// ---------------------------------------------------------------------------------------------
+// On the queue's thread for every played buffer, and on the caller's thread while
 // priming. Takes only the player's mutex (inside the processing) and allocates nothing itself.
 void AQOutputCallback(void* user, platform::OutputQueue* queue, platform::OutputBuffer* buffer) noexcept {
     auto* p = static_cast<audio_player*>(user);
@@ -80,6 +88,10 @@ void audio_player_release_buffers(audio_player* p) noexcept {
     p->buffer_frames = 0;
 }
 
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Creation
+// ---------------------------------------------------------------------------------------------
+
 audio_player* audio_player_create(audio_song* song) noexcept {
     if (song == nullptr) {
         return nullptr;
@@ -112,6 +124,10 @@ audio_player* audio_player_create(audio_song* song) noexcept {
     audio_player_update_eq_coefficients(p.get());
     return p.release();
 }
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Transport
+// ---------------------------------------------------------------------------------------------
 
 int audio_player_start(audio_player* p) noexcept {
     if (p == nullptr || !p->queue || p->running.load() != 0 || p->done.load() != 0) {
@@ -306,6 +322,10 @@ int audio_player_seek(audio_player* p, double seconds) noexcept {
     p->running.store(1);
     return 0;
 }
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Queries and destruction
+// ---------------------------------------------------------------------------------------------
 
 double audio_player_duration(const audio_player* p) noexcept {
     if (p == nullptr || p->song == nullptr) {

@@ -1,6 +1,12 @@
 // Songs: probing a file for tags and length, opening a file (float32) or a memory image (s16)
 // for playback, reading and seeking one without a player, and releasing them. The memory block
 // belongs to the song from the call on and is freed exactly once, whatever happens.
+//
+// [SECTION] Shared steps
+// [SECTION] Records and tags
+// [SECTION] Memory reads
+// [SECTION] Loading
+// [SECTION] Reading without a player, and release
 
 #include <algorithm>
 #include <cstdint>
@@ -17,6 +23,10 @@ namespace {
 using platform::Status;
 
 constexpr size_t kTagBufferSize = 512;
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Shared steps
+// ---------------------------------------------------------------------------------------------
 
 AudioStreamBasicDescription clientFormat(const AudioStreamBasicDescription& file, bool floatSamples) {
     AudioStreamBasicDescription f{};
@@ -91,6 +101,10 @@ int openFromPath(audio_song* song, const char* path, bool reportMetadataFailure,
 
 } // namespace
 
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Records and tags
+// ---------------------------------------------------------------------------------------------
+
 void audio_song_reset(audio_song* song) noexcept {
     if (song == nullptr) {
         return;
@@ -155,6 +169,10 @@ audio_metadata audio_file_get_metadata(platform::ContainerReader* reader) noexce
     return m;
 }
 
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Memory reads
+// ---------------------------------------------------------------------------------------------
+
 Status MyReadProc(void* context, int64_t position, uint32_t request, void* destination, uint32_t* actualCount) noexcept {
     const auto* song = static_cast<const audio_song*>(context);
     if (position >= 0 && position < song->size) {
@@ -170,6 +188,10 @@ Status MyReadProc(void* context, int64_t position, uint32_t request, void* desti
 int64_t MyGetSizeProc(void* context) noexcept {
     return static_cast<const audio_song*>(context)->size;
 }
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Loading
+// ---------------------------------------------------------------------------------------------
 
 int audio_song_probe(audio_song* song, const char* path) noexcept {
     if (song == nullptr || path == nullptr) {
@@ -256,6 +278,10 @@ int audio_song_load_from_memory(audio_song* song, void* data, int64_t size) noex
     }
     return 0;
 }
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Reading without a player, and release
+// ---------------------------------------------------------------------------------------------
 
 double audio_song_duration(const audio_song* song) noexcept {
     return song == nullptr ? -1.0 : song->duration_seconds;

@@ -1,7 +1,7 @@
 # What `make install` puts under the prefix, in one place: every program a show's author uses,
 # a manual page for each (help2man, from the program's own --help), the desktop entry and show
 # file type that open a show file with the player, and the shader interface for show authors.
-# The show itself (share/brisvale/demo.dat) is installed where it is built (app/).
+# The show itself (share/brisvale/demo.dat) is installed where it is built (show/).
 # Included once every folder has been read, so that every program's target exists.
 
 find_program(BRISVALE_HELP2MAN help2man REQUIRED)
@@ -18,9 +18,6 @@ foreach(entry ${BRISVALE_INSTALLED_PROGRAMS})
   string(REPLACE "|" ";" entry "${entry}")
   list(GET entry 0 program)
   list(GET entry 1 summary)
-  if(NOT TARGET ${program})
-    continue()
-  endif()
   install(TARGETS ${program} RUNTIME DESTINATION bin)
   set(page ${CMAKE_BINARY_DIR}/man/${program}.1)
   add_custom_command(OUTPUT ${page}

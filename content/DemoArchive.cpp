@@ -1,7 +1,12 @@
 // The demo archive reader: loading the container (header, directory), lookups, and inflating
 // gzip entries into the cache on first open.
 //
-// Sections: [messages] [reading] [inflation] [loading] [other sources] [lookups]
+// [SECTION] Messages
+// [SECTION] Reading
+// [SECTION] Inflation
+// [SECTION] Loading
+// [SECTION] Other sources
+// [SECTION] Lookups
 
 #include "content/DemoArchive.h"
 
@@ -23,7 +28,10 @@
 namespace brisvale {
 namespace {
 
-// [messages] -------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Messages
+// ---------------------------------------------------------------------------------------------
+
 constexpr const char* kOpenFailed = "Failed to open demo archive: ";
 constexpr const char* kSizeFailed = "Failed to read demo archive size: ";
 constexpr const char* kReadFailed = "Failed to read demo archive: ";
@@ -43,7 +51,10 @@ constexpr std::size_t kHeaderSize = 12;
 constexpr std::size_t kRecordSize = 32;
 constexpr std::uint8_t kMagic[4] = {'B', 'D', 'A', 'T'};
 
-// [reading] --------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Reading
+// ---------------------------------------------------------------------------------------------
+
 // The cursor always lies within `bytes`, so `bytes.size() - cursor` is the remaining size and
 // no check below can wrap around.
 
@@ -68,7 +79,9 @@ std::uint64_t readU64(std::span<const std::uint8_t> bytes, std::size_t& cursor) 
     return readLittleEndian(bytes, cursor, 8);
 }
 
-// [inflation] ------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Inflation
+// ---------------------------------------------------------------------------------------------
 
 // Deflate cannot expand data by more than 1032:1 (a 258-byte match per two bits), and a gzip
 // stream adds at least 18 bytes of wrapper. An entry that claims more than that for its stored
@@ -192,7 +205,9 @@ struct FileDescriptor {
 
 } // namespace
 
-// [loading] --------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Loading
+// ---------------------------------------------------------------------------------------------
 
 std::shared_ptr<DemoArchive> DemoArchive::load(const std::string& filePath) {
     // O_NONBLOCK keeps a FIFO from waiting for a writer; anything but a regular file (a FIFO,
@@ -255,7 +270,9 @@ std::shared_ptr<DemoArchive> DemoArchive::load(const std::string& filePath) {
     return archive;
 }
 
-// [other sources] --------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Other sources
+// ---------------------------------------------------------------------------------------------
 
 std::shared_ptr<DemoArchive> DemoArchive::loadDirectory(const std::string& directory) {
     const DirectoryListing listing = listDirectoryFiles(directory);
@@ -300,7 +317,9 @@ std::shared_ptr<DemoArchive> DemoArchive::fromFiles(const std::vector<ArchiveFil
     return archive;
 }
 
-// [lookups] --------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Lookups
+// ---------------------------------------------------------------------------------------------
 
 bool DemoArchive::contains(std::string_view path) const {
     return entries_.find(normalizeArchivePath(path)) != entries_.end();

@@ -3,7 +3,11 @@
 // The same expansion can note where each line came from, so that compiler messages about the
 // expanded text can name the author's file and line.
 //
-// Sections: [messages] [limits] [lines] [expansion] [line map]
+// [SECTION] Messages
+// [SECTION] Limits
+// [SECTION] Lines
+// [SECTION] Expansion
+// [SECTION] Line map
 
 #include "content/ShaderSource.h"
 
@@ -18,7 +22,10 @@
 namespace brisvale {
 namespace {
 
-// [messages] -------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Messages
+// ---------------------------------------------------------------------------------------------
+
 constexpr const char* kRecursive = "Recursive Metal include detected";
 constexpr const char* kDecodeFailed = "Failed to decode Metal shader source: ";
 constexpr const char* kTooDeep = "Metal includes nested more than 64 deep";
@@ -27,7 +34,9 @@ constexpr const char* kTooLarge = "Expanded Metal shader source larger than 16 M
 constexpr const char* kTooManyLines = "Expanded Metal shader source longer than 1048576 lines";
 constexpr std::string_view kIncludeOpening = "#include \"";
 
-// [limits] ---------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Limits
+// ---------------------------------------------------------------------------------------------
 
 // Limits that keep a hostile show from expanding includes forever: a file that includes the
 // next one twice, 26 files deep, would expand to 2^26 copies of the last.
@@ -39,7 +48,9 @@ constexpr std::size_t kMaxExpandedBytes = std::size_t{16} << 20;
 // long before this one.
 constexpr std::size_t kMaxMappedLines = std::size_t{1} << 20;
 
-// [lines] ----------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Lines
+// ---------------------------------------------------------------------------------------------
 
 // The line end starting at `pos`, if one does: its length in bytes, else 0.
 std::size_t lineEndLength(std::string_view text, std::size_t pos) {
@@ -76,7 +87,9 @@ bool includeName(std::string_view line, std::string_view& name) {
     return true;
 }
 
-// [expansion] ------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Expansion
+// ---------------------------------------------------------------------------------------------
 
 // One whole expansion: a single output buffer, so that its size limit counts every file, and
 // the line map when one is wanted.
@@ -160,7 +173,9 @@ void expandInto(const DemoArchive& archive, std::string_view path,
     includeStack.pop_back();
 }
 
-// [line map] -------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Line map
+// ---------------------------------------------------------------------------------------------
 
 bool isDigit(char c) {
     return c >= '0' && c <= '9';

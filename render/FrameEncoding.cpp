@@ -13,21 +13,21 @@
 
 #include "render/RendererImpl.h"
 
+#include "render/RenderLog.h"
 #include "render/ShaderInterface.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
-#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 
 namespace brisvale {
 namespace {
 
-constexpr const char* kCommandBufferFailed = "Metal command buffer failed: %s\n";
 constexpr const char* kNoDepthTexture = "Failed to create depth texture";
 constexpr const char* kNoScaledTarget = "Failed to create scaled render target";
-constexpr float kClearColor[4] = {0.02f, 0.02f, 0.025f, 1.0f};
+constexpr std::array<float, 4> kClearColor = {0.02f, 0.02f, 0.025f, 1.0f};
 
 PassParams passParams(std::uint32_t index) {
     PassParams params;
@@ -76,7 +76,7 @@ void Renderer::Impl::draw(const FrameInfo& frame) {
     }
     if (result != VK_SUCCESS) {
         // A GPU error the show survives: one line, and the next frame is drawn as usual.
-        std::fprintf(stderr, kCommandBufferFailed, gpu::resultName(result));
+        renderLog(RenderLogItem::CommandBufferFailed, gpu::resultName(result));
         abandonFrame();
         return;
     }
@@ -162,13 +162,10 @@ void Renderer::Impl::encode(const FrameInfo& frame, std::uint32_t slotIndex, gpu
     if (scaled) {
         // The last frame's stretch read it, and its passes wrote it; it is cleared, so its
         // contents do not matter.
-        gpu::ImageTransition targetForScene;
-        targetForScene.srcStage = VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT | VK_PIPELINE_STAGE_2_BLIT_BIT;
-        targetForScene.srcAccess = VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT;
-        targetForScene.dstStage = VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT;
-        targetForScene.dstAccess = VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT | VK_ACCESS_2_COLOR_ATTACHMENT_READ_BIT;
-        targetForScene.newLayout = VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL;
-        gpu::transitionTexture(commands.handle(), target, targetForScene);
+        commands.imageBarrier(target, VK_IMAGE_LAYOUT_UNDEFINED, VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL,
+                              VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT | VK_PIPELINE_STAGE_2_BLIT_BIT,
+                              VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT, VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT,
+                              VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT | VK_ACCESS_2_COLOR_ATTACHMENT_READ_BIT);
     }
 
     // -----------------------------------------------------------------------------------------
@@ -193,21 +190,14 @@ void Renderer::Impl::encode(const FrameInfo& frame, std::uint32_t slotIndex, gpu
     }
 
     // Scene pass. The depth target is cleared, so its old contents (and layout) do not matter.
-    gpu::ImageTransition depthForScene;
-    depthForScene.srcStage = VK_PIPELINE_STAGE_2_EARLY_FRAGMENT_TESTS_BIT |
-                             VK_PIPELINE_STAGE_2_LATE_FRAGMENT_TESTS_BIT | VK_PIPELINE_STAGE_2_FRAGMENT_SHADER_BIT;
-    depthForScene.srcAccess = VK_ACCESS_2_DEPTH_STENCIL_ATTACHMENT_WRITE_BIT;
-    depthForScene.dstStage = VK_PIPELINE_STAGE_2_EARLY_FRAGMENT_TESTS_BIT | VK_PIPELINE_STAGE_2_LATE_FRAGMENT_TESTS_BIT;
-    depthForScene.dstAccess =
-        VK_ACCESS_2_DEPTH_STENCIL_ATTACHMENT_READ_BIT | VK_ACCESS_2_DEPTH_STENCIL_ATTACHMENT_WRITE_BIT;
-    depthForScene.newLayout = VK_IMAGE_LAYOUT_DEPTH_ATTACHMENT_OPTIMAL;
-    gpu::transitionTexture(commands.handle(), *depthTexture, depthForScene);
+    constexpr VkPipelineStageFlags2 kDepthTests =
+        VK_PIPELINE_STAGE_2_EARLY_FRAGMENT_TESTS_BIT | VK_PIPELINE_STAGE_2_LATE_FRAGMENT_TESTS_BIT;
+    commands.imageBarrier(*depthTexture, VK_IMAGE_LAYOUT_UNDEFINED, VK_IMAGE_LAYOUT_DEPTH_ATTACHMENT_OPTIMAL,
+                          kDepthTests | VK_PIPELINE_STAGE_2_FRAGMENT_SHADER_BIT,
+                          VK_ACCESS_2_DEPTH_STENCIL_ATTACHMENT_WRITE_BIT, kDepthTests,
+                          VK_ACCESS_2_DEPTH_STENCIL_ATTACHMENT_READ_BIT | VK_ACCESS_2_DEPTH_STENCIL_ATTACHMENT_WRITE_BIT);
 
-    gpu::ColorTarget color;
-    color.texture = &target;
-    color.clear = true;
-    for (int i = 0; i < 4; ++i) color.clearColor[i] = kClearColor[i];
-    commands.beginRendering(color, gpu::DepthTarget{depthTexture.get(), 1.0f});
+    commands.beginRendering(gpu::ColorTarget::cleared(target, kClearColor), gpu::DepthTarget{depthTexture.get(), 1.0f});
     commands.setViewport(target.width(), target.height());
     commands.bindRender(*scenePipelineState, layout, slot.sceneSet);
     commands.setDepthState(false, false, VK_COMPARE_OP_ALWAYS);  // no depth-stencil state set yet
@@ -233,23 +223,15 @@ void Renderer::Impl::encode(const FrameInfo& frame, std::uint32_t slotIndex, gpu
 
     // Composite pass: a quad over the scene that samples this frame's depth.
     if (phase == FramePhase::Finale) {
-        gpu::ImageTransition depthForSampling;
-        depthForSampling.srcStage = VK_PIPELINE_STAGE_2_EARLY_FRAGMENT_TESTS_BIT |
-                                    VK_PIPELINE_STAGE_2_LATE_FRAGMENT_TESTS_BIT;
-        depthForSampling.srcAccess = VK_ACCESS_2_DEPTH_STENCIL_ATTACHMENT_WRITE_BIT;
-        depthForSampling.dstStage = VK_PIPELINE_STAGE_2_FRAGMENT_SHADER_BIT;
-        depthForSampling.dstAccess = VK_ACCESS_2_SHADER_SAMPLED_READ_BIT;
-        depthForSampling.oldLayout = VK_IMAGE_LAYOUT_DEPTH_ATTACHMENT_OPTIMAL;
-        depthForSampling.newLayout = VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL;
-        gpu::transitionTexture(commands.handle(), *depthTexture, depthForSampling);
+        commands.imageBarrier(*depthTexture, VK_IMAGE_LAYOUT_DEPTH_ATTACHMENT_OPTIMAL,
+                              VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL, kDepthTests,
+                              VK_ACCESS_2_DEPTH_STENCIL_ATTACHMENT_WRITE_BIT, VK_PIPELINE_STAGE_2_FRAGMENT_SHADER_BIT,
+                              VK_ACCESS_2_SHADER_SAMPLED_READ_BIT);
         commands.memoryBarrier(VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT, VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT,
                                VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT,
                                VK_ACCESS_2_COLOR_ATTACHMENT_READ_BIT | VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT);
 
-        gpu::ColorTarget loaded;
-        loaded.texture = &target;
-        loaded.clear = false;
-        commands.beginRendering(loaded, gpu::DepthTarget{});
+        commands.beginRendering(gpu::ColorTarget::loaded(target), gpu::DepthTarget{});
         commands.setViewport(target.width(), target.height());
         commands.bindRender(*compositePipelineState, layout, slot.compositeSet);
         constants.pass = passParams(kPassCompositeQuad);
@@ -303,13 +285,13 @@ void Renderer::Impl::FrameSlot::frameCompleted(const gpu::CompletionStatus& stat
 }
 
 void Renderer::Impl::plainHandler(const gpu::CompletionStatus& status) {
-    if (status.failed) std::fprintf(stderr, kCommandBufferFailed, status.description);
+    if (status.failed) renderLog(RenderLogItem::CommandBufferFailed, status.description);
     framesInFlight.fetch_sub(1);
     inFlightSemaphore.release();
 }
 
 void Renderer::Impl::feedbackHandler(const gpu::CompletionStatus& status, gpu::Buffer& request) {
-    if (status.failed) std::fprintf(stderr, kCommandBufferFailed, status.description);
+    if (status.failed) renderLog(RenderLogItem::CommandBufferFailed, status.description);
     // Read before the slot is returned: the frame that reuses this record waits for the slot.
     request.invalidate();
     GeometryRequest record;
@@ -345,8 +327,8 @@ void Renderer::Impl::ensureDepthTexture(std::uint64_t width, std::uint64_t heigh
     description.width = static_cast<std::uint32_t>(width);
     description.height = static_cast<std::uint32_t>(height);
     description.usage = VK_IMAGE_USAGE_DEPTH_STENCIL_ATTACHMENT_BIT | VK_IMAGE_USAGE_SAMPLED_BIT;
-    depthTexture = gpu::Texture::create(*device, description);  // frames in flight keep the old one
-    require(depthTexture, kNoDepthTexture);
+    // Frames in flight keep the old one.
+    depthTexture = requireCreated(kNoDepthTexture, [&] { return gpu::Texture::create(*device, description); });
     ++depthTexturesCreated;
 }
 
@@ -365,20 +347,15 @@ void Renderer::Impl::ensureScaledTarget(std::uint32_t width, std::uint32_t heigh
     description.width = width;
     description.height = height;
     description.usage = VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT | VK_IMAGE_USAGE_TRANSFER_SRC_BIT;
-    scaledTarget = gpu::Texture::create(*device, description);  // frames in flight keep the old one
-    require(scaledTarget, kNoScaledTarget);
+    // Frames in flight keep the old one.
+    scaledTarget = requireCreated(kNoScaledTarget, [&] { return gpu::Texture::create(*device, description); });
 }
 
 // The passes wrote the scaled picture; the stretch reads it.
 void Renderer::Impl::finishScaledPicture(gpu::CommandBuffer& commands) {
-    gpu::ImageTransition toSource;
-    toSource.srcStage = VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT;
-    toSource.srcAccess = VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT;
-    toSource.dstStage = VK_PIPELINE_STAGE_2_BLIT_BIT;
-    toSource.dstAccess = VK_ACCESS_2_TRANSFER_READ_BIT;
-    toSource.oldLayout = VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL;
-    toSource.newLayout = VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL;
-    gpu::transitionTexture(commands.handle(), *scaledTarget, toSource);
+    commands.imageBarrier(*scaledTarget, VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL, VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL,
+                          VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT, VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT,
+                          VK_PIPELINE_STAGE_2_BLIT_BIT, VK_ACCESS_2_TRANSFER_READ_BIT);
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -3,16 +3,14 @@
 
 #include "render/RendererImpl.h"
 
+#include "render/RenderLog.h"
 #include "render/ShaderInterface.h"
-
-#include <cstdio>
 
 namespace brisvale {
 namespace {
 
 constexpr const char* kNoVertexBuffer = "Failed to create generated vertex buffer";
 constexpr const char* kNoIndirectBuffer = "Failed to create indirect draw argument buffer";
-constexpr const char* kGrewPool = "Grew GPU vertex pool to %u vertices\n";
 
 } // namespace
 
@@ -30,14 +28,14 @@ std::uint32_t nextPowerOfTwo(std::uint32_t n) {
 void Renderer::Impl::recreateGeometryBuffers(std::uint32_t capacity) {
     // Build both first: a failed growth keeps the previous pool and capacity intact.
     const std::uint64_t bytes = std::uint64_t(capacity) * shader_interface::kVertexStrideBytes;
-    std::shared_ptr<gpu::Buffer> pool =
-        gpu::Buffer::create(*device, bytes, VK_BUFFER_USAGE_STORAGE_BUFFER_BIT, gpu::BufferMemory::GpuPrivate);
-    std::shared_ptr<gpu::Buffer> arguments =
-        gpu::Buffer::create(*device, sizeof(DrawIndirectArguments),
-                            VK_BUFFER_USAGE_STORAGE_BUFFER_BIT | VK_BUFFER_USAGE_INDIRECT_BUFFER_BIT,
-                            gpu::BufferMemory::GpuPrivate);
-    require(pool, kNoVertexBuffer);
-    require(arguments, kNoIndirectBuffer);
+    std::shared_ptr<gpu::Buffer> pool = requireCreated(kNoVertexBuffer, [&] {
+        return gpu::Buffer::create(*device, bytes, VK_BUFFER_USAGE_STORAGE_BUFFER_BIT, gpu::BufferMemory::GpuPrivate);
+    });
+    std::shared_ptr<gpu::Buffer> arguments = requireCreated(kNoIndirectBuffer, [&] {
+        return gpu::Buffer::create(*device, sizeof(DrawIndirectArguments),
+                                   VK_BUFFER_USAGE_STORAGE_BUFFER_BIT | VK_BUFFER_USAGE_INDIRECT_BUFFER_BIT,
+                                   gpu::BufferMemory::GpuPrivate);
+    });
     // Frames in flight hold the old buffers until they complete.
     vertexCapacity.store(capacity);
     generatedVertexBuffer = std::move(pool);
@@ -50,7 +48,7 @@ void Renderer::Impl::growGeometryBuffersIfNeeded(std::uint32_t requestedVertexCo
     if (capacity == 0 || capacity > renderer_limits::kMaxVertexCapacity) capacity = renderer_limits::kMaxVertexCapacity;
     if (capacity <= vertexCapacity.load()) return;  // already at the cap
     recreateGeometryBuffers(capacity);
-    std::fprintf(stderr, kGrewPool, capacity);
+    renderLog(RenderLogItem::VertexPoolGrew, capacity);
 }
 
 } // namespace brisvale

@@ -10,6 +10,7 @@
 
 #include "content/AssetManifest.h"
 #include "render/ImageDecode.h"
+#include "render/gpu/Recording.h"
 
 #include <algorithm>
 #include <cstring>
@@ -74,8 +75,7 @@ Renderer::Impl::ImageSources Renderer::Impl::readImages(const DemoArchive& sourc
             throw std::runtime_error(kOverDecodeBudget + ": " + path);
     }
 
-    sources.array = gpu::Texture::create(*device, description);
-    require(sources.array, kNoImageArray);
+    sources.array = requireCreated(kNoImageArray, [&] { return gpu::Texture::create(*device, description); });
     return sources;
 }
 
@@ -140,31 +140,23 @@ void Renderer::Impl::loadTextureSlice(ArchiveBytes bytes, const std::string& pat
     const std::vector<std::uint8_t> pixels = decodeImageToSquare(bytes.data(), bytes.size(), edge, path);
 
     const VkDeviceSize layerBytes = VkDeviceSize(edge) * edge * 4;
-    auto staging = gpu::Buffer::create(*device, layerBytes, VK_BUFFER_USAGE_TRANSFER_SRC_BIT,
-                                       gpu::BufferMemory::HostVisible);
-    require(staging, kNoUploadBuffer);
+    auto staging = requireCreated(kNoUploadBuffer, [&] {
+        return gpu::Buffer::create(*device, layerBytes, VK_BUFFER_USAGE_TRANSFER_SRC_BIT,
+                                   gpu::BufferMemory::HostVisible);
+    });
     std::memcpy(staging->data(), pixels.data(), layerBytes);
     staging->flush();
 
     device->runNow([&](VkCommandBuffer commands) {
-        gpu::ImageTransition toCopy;
-        toCopy.dstStage = VK_PIPELINE_STAGE_2_COPY_BIT;
-        toCopy.dstAccess = VK_ACCESS_2_TRANSFER_WRITE_BIT;
-        toCopy.newLayout = VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL;
-        gpu::transitionImage(commands, array.image(), VK_IMAGE_ASPECT_COLOR_BIT, toCopy, slice, 1);
-        VkBufferImageCopy region{};
-        region.imageSubresource = {VK_IMAGE_ASPECT_COLOR_BIT, 0, slice, 1};
-        region.imageExtent = {edge, edge, 1};
-        vkCmdCopyBufferToImage(commands, staging->handle(), array.image(), VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL, 1,
-                               &region);
-        gpu::ImageTransition toSample;
-        toSample.srcStage = VK_PIPELINE_STAGE_2_COPY_BIT;
-        toSample.srcAccess = VK_ACCESS_2_TRANSFER_WRITE_BIT;
-        toSample.dstStage = VK_PIPELINE_STAGE_2_FRAGMENT_SHADER_BIT;
-        toSample.dstAccess = VK_ACCESS_2_SHADER_SAMPLED_READ_BIT;
-        toSample.oldLayout = VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL;
-        toSample.newLayout = VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL;
-        gpu::transitionImage(commands, array.image(), VK_IMAGE_ASPECT_COLOR_BIT, toSample, slice, 1);
+        const gpu::Layers layer{slice, 1};
+        gpu::imageBarrier(commands, array, VK_IMAGE_LAYOUT_UNDEFINED, VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL,
+                          VK_PIPELINE_STAGE_2_NONE, VK_ACCESS_2_NONE, VK_PIPELINE_STAGE_2_COPY_BIT,
+                          VK_ACCESS_2_TRANSFER_WRITE_BIT, layer);
+        gpu::copyBufferToLayer(commands, *staging, array, slice);
+        gpu::imageBarrier(commands, array, VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL,
+                          VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL, VK_PIPELINE_STAGE_2_COPY_BIT,
+                          VK_ACCESS_2_TRANSFER_WRITE_BIT, VK_PIPELINE_STAGE_2_FRAGMENT_SHADER_BIT,
+                          VK_ACCESS_2_SHADER_SAMPLED_READ_BIT, layer);
     });
 }
 

@@ -52,6 +52,12 @@ inline constexpr float kMinRenderScale = 0.25f;
 // A file-local check in spirit: a missing platform object becomes a one-line runtime error.
 template <typename T> void require(const T& object, const char* message);
 
+// What `create` makes of the GPU layer; its failure (gpu::Error) becomes the renderer's own
+// one-line error: `message` alone, or with the GPU layer's line after ": " where the message
+// carries a description.
+template <typename Create> auto requireCreated(const char* message, Create create) -> decltype(create());
+template <typename Create> auto requireCreatedWithReason(const char* message, Create create) -> decltype(create());
+
 // The depth-stencil state of the finale's triangles (Vulkan sets it per draw).
 struct DepthStencilState {
     bool depthTest = true;
@@ -144,6 +150,7 @@ struct Renderer::Impl {
     void loadTextureSlice(ArchiveBytes bytes, const std::string& path, const gpu::Texture& array, std::uint32_t slice,
                           std::uint64_t size) const;
 
+    void makeFrameResources();
     void setOverlayText(std::string text);
     void openPipelineCache();
     void savePipelineCache() noexcept;
@@ -245,6 +252,27 @@ struct Renderer::Impl {
 
 template <typename T> void require(const T& object, const char* message) {
     if (!object) throw std::runtime_error(message);
+}
+
+// `message`, then ": " and the description when there is one.
+inline std::string withDescription(const char* message, const std::string& description) {
+    return description.empty() ? std::string(message) : std::string(message) + ": " + description;
+}
+
+template <typename Create> auto requireCreated(const char* message, Create create) -> decltype(create()) {
+    try {
+        return create();
+    } catch (const gpu::Error&) {
+        throw std::runtime_error(message);
+    }
+}
+
+template <typename Create> auto requireCreatedWithReason(const char* message, Create create) -> decltype(create()) {
+    try {
+        return create();
+    } catch (const gpu::Error& error) {
+        throw std::runtime_error(withDescription(message, error.what()));
+    }
 }
 
 // Runs a task on a thread of its own; where no thread can be started, when its result is asked

@@ -15,10 +15,10 @@
 
 #include "content/ShaderSource.h"
 #include "render/PipelineCacheFile.h"
+#include "render/RenderLog.h"
 #include "render/ShaderCompiler.h"
 #include "render/ShaderInterface.h"
-
-#include <cstdio>
+#include "render/gpu/Recording.h"
 
 namespace brisvale {
 namespace {
@@ -36,12 +36,6 @@ constexpr const char* kNoDepthStencilState = "Failed to create depth stencil sta
 constexpr const char* kNoRequestBuffer = "Failed to create geometry request buffer";
 constexpr const char* kNoFrameResources = "Failed to create frame resources";
 constexpr const char* kForeignShaders = "Not shaders prepared by this renderer";
-constexpr const char* kIgnoredCache = "Ignoring pipeline cache %s: %s\n";
-constexpr const char* kCacheNotSaved = "Failed to save pipeline cache: %s\n";
-
-std::string withDescription(const char* message, const std::string& description) {
-    return description.empty() ? std::string(message) : std::string(message) + ": " + description;
-}
 
 // Sets the flag when construction ends, however it ends.
 struct CancelOnExit {
@@ -70,8 +64,8 @@ Renderer::Impl::Impl(gpu::Device* deviceArgument, gpu::Surface* layerArgument,
     require(layer, kNoLayer);
     if (!archive) throw std::runtime_error(kNoArchive);
 
-    commandQueue = gpu::CommandQueue::create(*device, renderer_limits::kFramesInFlight);
-    require(commandQueue, kNoQueue);
+    commandQueue =
+        requireCreated(kNoQueue, [&] { return gpu::CommandQueue::create(*device, renderer_limits::kFramesInFlight); });
     openPipelineCache();
 
     // The images are read from the archive first, then decode and upload beside the shaders
@@ -101,14 +95,15 @@ Renderer::Impl::Impl(gpu::Device* deviceArgument, gpu::Surface* layerArgument,
     startupTimes.compileSeconds = secondsSince(step);
 
     using namespace shader_interface;
-    pipelineLayout = gpu::PipelineLayout::create(*device,
-                                                 {{kVertexPoolBinding, VK_DESCRIPTOR_TYPE_STORAGE_BUFFER},
-                                                  {kIndirectArgumentsBinding, VK_DESCRIPTOR_TYPE_STORAGE_BUFFER},
-                                                  {kGeometryRequestBinding, VK_DESCRIPTOR_TYPE_STORAGE_BUFFER},
-                                                  {kImageArrayBinding, VK_DESCRIPTOR_TYPE_COMBINED_IMAGE_SAMPLER},
-                                                  {kSceneDepthBinding, VK_DESCRIPTOR_TYPE_COMBINED_IMAGE_SAMPLER}},
-                                                 kPushConstantSize);
-    if (!pipelineLayout) throw std::runtime_error(withDescription(kScenePipelineFailed, "pipeline layout"));
+    pipelineLayout = requireCreatedWithReason(kScenePipelineFailed, [&] {
+        return gpu::PipelineLayout::create(*device,
+                                           {{kVertexPoolBinding, VK_DESCRIPTOR_TYPE_STORAGE_BUFFER},
+                                            {kIndirectArgumentsBinding, VK_DESCRIPTOR_TYPE_STORAGE_BUFFER},
+                                            {kGeometryRequestBinding, VK_DESCRIPTOR_TYPE_STORAGE_BUFFER},
+                                            {kImageArrayBinding, VK_DESCRIPTOR_TYPE_COMBINED_IMAGE_SAMPLER},
+                                            {kSceneDepthBinding, VK_DESCRIPTOR_TYPE_COMBINED_IMAGE_SAMPLER}},
+                                           kPushConstantSize);
+    });
 
     step = Clock::now();
     installShaders(buildPipelines(shaders));
@@ -120,61 +115,61 @@ Renderer::Impl::Impl(gpu::Device* deviceArgument, gpu::Surface* layerArgument,
     recreateGeometryBuffers(renderer_limits::kInitialVertexCapacity);
 
     for (auto& buffer : geometryRequestBuffers) {
-        buffer = gpu::Buffer::create(*device, sizeof(GeometryRequest), VK_BUFFER_USAGE_STORAGE_BUFFER_BIT,
-                                     gpu::BufferMemory::HostReadback);
-        require(buffer, kNoRequestBuffer);
+        buffer = requireCreated(kNoRequestBuffer, [&] {
+            return gpu::Buffer::create(*device, sizeof(GeometryRequest), VK_BUFFER_USAGE_STORAGE_BUFFER_BIT,
+                                       gpu::BufferMemory::HostReadback);
+        });
     }
 
     if (imagesUnreadable) std::rethrow_exception(imagesUnreadable);
     installImages(images.get());
 
-    // -----------------------------------------------------------------------------------------
-    // [SECTION] Per-frame resources
-    // -----------------------------------------------------------------------------------------
+    requireCreatedWithReason(kNoFrameResources, [&] { makeFrameResources(); });
+    // Without timestamps (the queue has none, or no query pool can be had) the GPU time is taken
+    // from the fences.
+    try {
+        timestamps = gpu::TimestampQueries::create(*device, renderer_limits::kFramesInFlight);
+    } catch (const gpu::Error&) {
+    }
+    startupTimes.totalSeconds = secondsSince(started);
+}
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Per-frame resources
+// ---------------------------------------------------------------------------------------------
+
+// Samplers, the depth placeholder (depth 1.0 for passes without scene depth) and each slot's
+// descriptor sets.
+void Renderer::Impl::makeFrameResources() {
     imageSampler = gpu::Sampler::create(*device, VK_FILTER_LINEAR);
     depthSampler = gpu::Sampler::create(*device, VK_FILTER_NEAREST);
-    require(imageSampler, kNoFrameResources);
-    require(depthSampler, kNoFrameResources);
 
     gpu::TextureDescription placeholder;
     placeholder.format = VK_FORMAT_D32_SFLOAT;
     placeholder.usage = VK_IMAGE_USAGE_SAMPLED_BIT | VK_IMAGE_USAGE_TRANSFER_DST_BIT;
     depthPlaceholder = gpu::Texture::create(*device, placeholder);
-    require(depthPlaceholder, kNoFrameResources);
     device->runNow([&](VkCommandBuffer commands) {
-        gpu::ImageTransition toClear;
-        toClear.dstStage = VK_PIPELINE_STAGE_2_CLEAR_BIT;
-        toClear.dstAccess = VK_ACCESS_2_TRANSFER_WRITE_BIT;
-        toClear.newLayout = VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL;
-        gpu::transitionTexture(commands, *depthPlaceholder, toClear);
+        gpu::imageBarrier(commands, *depthPlaceholder, VK_IMAGE_LAYOUT_UNDEFINED, VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL,
+                          VK_PIPELINE_STAGE_2_NONE, VK_ACCESS_2_NONE, VK_PIPELINE_STAGE_2_CLEAR_BIT,
+                          VK_ACCESS_2_TRANSFER_WRITE_BIT);
         const VkClearDepthStencilValue one{1.0f, 0};
         const VkImageSubresourceRange range{VK_IMAGE_ASPECT_DEPTH_BIT, 0, 1, 0, 1};
         vkCmdClearDepthStencilImage(commands, depthPlaceholder->image(), VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL, &one, 1,
                                     &range);
-        gpu::ImageTransition toRead;
-        toRead.srcStage = VK_PIPELINE_STAGE_2_CLEAR_BIT;
-        toRead.srcAccess = VK_ACCESS_2_TRANSFER_WRITE_BIT;
-        toRead.dstStage = VK_PIPELINE_STAGE_2_FRAGMENT_SHADER_BIT;
-        toRead.dstAccess = VK_ACCESS_2_SHADER_SAMPLED_READ_BIT;
-        toRead.oldLayout = VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL;
-        toRead.newLayout = VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL;
-        gpu::transitionTexture(commands, *depthPlaceholder, toRead);
+        gpu::imageBarrier(commands, *depthPlaceholder, VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL,
+                          VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL, VK_PIPELINE_STAGE_2_CLEAR_BIT,
+                          VK_ACCESS_2_TRANSFER_WRITE_BIT, VK_PIPELINE_STAGE_2_FRAGMENT_SHADER_BIT,
+                          VK_ACCESS_2_SHADER_SAMPLED_READ_BIT);
     });
 
     descriptorPool = gpu::DescriptorPool::create(*device, *pipelineLayout, 2 * renderer_limits::kFramesInFlight);
-    require(descriptorPool, kNoFrameResources);
     for (std::uint32_t i = 0; i < slots.size(); ++i) {
         FrameSlot& slot = slots[i];
         slot.owner = this;
         slot.index = i;
         slot.sceneSet = descriptorPool->allocate();
         slot.compositeSet = descriptorPool->allocate();
-        require(slot.sceneSet, kNoFrameResources);
-        require(slot.compositeSet, kNoFrameResources);
     }
-    // Without timestamps the GPU time is taken from the fences.
-    timestamps = gpu::TimestampQueries::create(*device, renderer_limits::kFramesInFlight);
-    startupTimes.totalSeconds = secondsSince(started);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -197,19 +192,25 @@ std::shared_ptr<Renderer::PreparedShaders> Renderer::Impl::buildPipelines(const 
     scene.depthFormat = VK_FORMAT_D32_SFLOAT;
     // The composite pass has no depth attachment; Vulkan wants a pipeline that says so.
     const gpu::RenderPipelineDescription composite = pipelineDescriptorWithVertex(shaders.vertex, shaders.fragment);
-    std::string sceneError, compositeError, computeError;
-    {
-        auto sceneDone = startAside([&] { prepared->scene = gpu::RenderPipeline::create(*device, scene, &sceneError); });
-        auto compositeDone = startAside(
-            [&] { prepared->composite = gpu::RenderPipeline::create(*device, composite, &compositeError); });
-        prepared->compute = gpu::ComputePipeline::create(*device, *pipelineLayout, shaders.compute, &computeError,
-                                                         pipelineCache.get());
-        sceneDone.get();
-        compositeDone.get();
+    auto scenePipeline = startAside([&] {
+        return requireCreatedWithReason(kScenePipelineFailed,
+                                        [&] { return gpu::RenderPipeline::create(*device, scene); });
+    });
+    auto compositePipeline = startAside([&] {
+        return requireCreatedWithReason(kScenePipelineFailed,
+                                        [&] { return gpu::RenderPipeline::create(*device, composite); });
+    });
+    std::exception_ptr computeFailed;
+    try {
+        prepared->compute = requireCreatedWithReason(kComputePipelineFailed, [&] {
+            return gpu::ComputePipeline::create(*device, *pipelineLayout, shaders.compute, pipelineCache.get());
+        });
+    } catch (const std::runtime_error&) {
+        computeFailed = std::current_exception();
     }
-    if (!prepared->scene) throw std::runtime_error(withDescription(kScenePipelineFailed, sceneError));
-    if (!prepared->composite) throw std::runtime_error(withDescription(kScenePipelineFailed, compositeError));
-    if (!prepared->compute) throw std::runtime_error(withDescription(kComputePipelineFailed, computeError));
+    prepared->scene = scenePipeline.get();
+    prepared->composite = compositePipeline.get();
+    if (computeFailed) std::rethrow_exception(computeFailed);
     return prepared;
 }
 
@@ -253,11 +254,15 @@ void Renderer::Impl::openPipelineCache() {
     if (!pipelineCacheDirectory) return;
     PipelineCacheLoad saved = loadPipelineCache(*pipelineCacheDirectory, *device);
     if (!saved.problem.empty()) {
-        std::fprintf(stderr, kIgnoredCache, saved.path.c_str(), saved.problem.c_str());
+        renderLog(RenderLogItem::PipelineCacheIgnored, saved.path.c_str(), saved.problem.c_str());
     }
     // A cache the driver cannot make costs only time: pipelines are then made without one.
-    pipelineCache = gpu::PipelineCache::create(*device, saved.bytes);
-    if (pipelineCache && pipelineCache->startedFromSaved()) pipelineCacheAtStart = std::move(saved.bytes);
+    try {
+        pipelineCache = gpu::PipelineCache::create(*device, saved.bytes);
+    } catch (const gpu::Error&) {
+        return;
+    }
+    if (pipelineCache->startedFromSaved()) pipelineCacheAtStart = std::move(saved.bytes);
 }
 
 void Renderer::Impl::savePipelineCache() noexcept {
@@ -267,7 +272,7 @@ void Renderer::Impl::savePipelineCache() noexcept {
         if (bytes.empty() || bytes == pipelineCacheAtStart) return;
         savePipelineCacheFile(*pipelineCacheDirectory, *device, bytes);
     } catch (const std::exception& error) {
-        std::fprintf(stderr, kCacheNotSaved, error.what());
+        renderLog(RenderLogItem::PipelineCacheNotSaved, error.what());
     }
 }
 

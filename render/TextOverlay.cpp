@@ -93,9 +93,8 @@ void boxQuad(std::uint8_t* at, float x0, float y0, float x1, float y1) {
 
 } // namespace
 
-TextOverlay::TextOverlay(gpu::Device& device, VkFormat colorFormat, std::uint32_t slots) {
+TextOverlay::TextOverlay(gpu::Device& device, VkFormat colorFormat, std::uint32_t slots) try {
     layout_ = gpu::PipelineLayout::create(device, {{0, VK_DESCRIPTOR_TYPE_STORAGE_BUFFER}}, sizeof(OverlayConstants));
-    if (!layout_) throw std::runtime_error(std::string(kOverlayFailed) + ": pipeline layout");
     const std::vector<std::uint32_t> vertex(std::begin(kTextOverlayVertex), std::end(kTextOverlayVertex));
     const std::vector<std::uint32_t> fragment(std::begin(kTextOverlayFragment), std::end(kTextOverlayFragment));
     gpu::RenderPipelineDescription description;
@@ -108,22 +107,19 @@ TextOverlay::TextOverlay(gpu::Device& device, VkFormat colorFormat, std::uint32_
     description.blend.dstColor = VK_BLEND_FACTOR_ONE_MINUS_SRC_ALPHA;
     description.blend.srcAlpha = VK_BLEND_FACTOR_ONE;
     description.blend.dstAlpha = VK_BLEND_FACTOR_ONE_MINUS_SRC_ALPHA;
-    std::string error;
-    pipeline_ = gpu::RenderPipeline::create(device, description, &error);
-    if (!pipeline_) throw std::runtime_error(std::string(kOverlayFailed) + ": " + error);
+    pipeline_ = gpu::RenderPipeline::create(device, description);
 
     descriptors_ = gpu::DescriptorPool::create(device, *layout_, slots);
-    if (!descriptors_) throw std::runtime_error(std::string(kOverlayFailed) + ": descriptor pool");
     slots_.resize(slots);
     for (Slot& slot : slots_) {
         slot.quads = gpu::Buffer::create(device, kCapacityBytes, VK_BUFFER_USAGE_STORAGE_BUFFER_BIT,
                                          gpu::BufferMemory::HostVisible);
         slot.set = descriptors_->allocate();
-        if (!slot.quads || slot.set == VK_NULL_HANDLE)
-            throw std::runtime_error(std::string(kOverlayFailed) + ": vertex buffer");
         gpu::DescriptorSetWriter(device, slot.set).storageBuffer(0, *slot.quads).commit();
     }
     quads_.reserve(kCapacityBytes);
+} catch (const gpu::Error& error) {
+    throw std::runtime_error(std::string(kOverlayFailed) + ": " + error.what());
 }
 
 TextOverlay::~TextOverlay() = default;
@@ -156,10 +152,7 @@ void TextOverlay::encode(gpu::CommandBuffer& commands, const gpu::Texture& targe
     commands.memoryBarrier(VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT, VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT,
                            VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT,
                            VK_ACCESS_2_COLOR_ATTACHMENT_READ_BIT | VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT);
-    gpu::ColorTarget loaded;
-    loaded.texture = &target;
-    loaded.clear = false;
-    commands.beginRendering(loaded, gpu::DepthTarget{});
+    commands.beginRendering(gpu::ColorTarget::loaded(target), gpu::DepthTarget{});
     commands.setViewport(target.width(), target.height());
     commands.bindRender(*pipeline_, *layout_, slot.set);
     const float scale = std::clamp(std::floor(static_cast<float>(target.width()) / kPixelsPerScaleStep), 1.0f, kMaxScale);

@@ -1,3 +1,9 @@
+// The application delegate on SDL2: launch, activation and termination, SDL events.
+//
+// [SECTION] Launch
+// [SECTION] Activation and termination
+// [SECTION] SDL events
+
 #include "app/platform/AppDelegate.h"
 
 #include <algorithm>
@@ -61,7 +67,7 @@ AppDelegate::AppDelegate(Application& application, MainThreadQueue& mainQueue, P
 AppDelegate::~AppDelegate() = default;
 
 // ---------------------------------------------------------------------------------------------
-// Launch
+// [SECTION] Launch
 
 void AppDelegate::applicationDidFinishLaunching() {
     try {
@@ -121,7 +127,7 @@ void AppDelegate::windowDidEnterFullScreen() {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Activation and termination
+// [SECTION] Activation and termination
 
 void AppDelegate::applicationWillTerminate() {
     if (MetalView* view = _window ? _window->contentView() : nullptr) {
@@ -151,7 +157,7 @@ int AppDelegate::exitStatus() const {
 }
 
 // ---------------------------------------------------------------------------------------------
-// SDL events
+// [SECTION] SDL events
 
 void AppDelegate::handleWindowEvent(const SDL_WindowEvent& event) {
     if (!_window || event.windowID != SDL_GetWindowID(_window->handle())) {

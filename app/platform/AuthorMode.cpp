@@ -1,7 +1,11 @@
 // Author mode: time control through the keys, live reload (the watcher's thread reads and
 // prepares, the main thread installs), the errors and reports the author reads, the status line.
 //
-// Sections: [SET-UP] [KEYS] [RELOAD: WATCHER THREAD] [RELOAD: MAIN THREAD] [STATUS]
+// [SECTION] Set-up
+// [SECTION] Keys
+// [SECTION] Reload: watcher thread
+// [SECTION] Reload: main thread
+// [SECTION] Status
 
 #include "app/platform/AuthorMode.h"
 
@@ -61,7 +65,8 @@ std::optional<std::vector<std::string>> imageFiles(const DemoArchive& archive, c
 } // namespace
 
 // ---------------------------------------------------------------------------------------------
-// [SET-UP]
+// [SECTION] Set-up
+// ---------------------------------------------------------------------------------------------
 
 AuthorMode::AuthorMode(AuthorModeHost& host, Renderer& renderer, MainThreadQueue& mainQueue,
                        const PlayerOptions& options, const DemoArchive& archive, const DemoManifest& manifest)
@@ -97,7 +102,8 @@ AuthorMode::AuthorMode(AuthorModeHost& host, Renderer& renderer, MainThreadQueue
 AuthorMode::~AuthorMode() = default;
 
 // ---------------------------------------------------------------------------------------------
-// [KEYS]
+// [SECTION] Keys
+// ---------------------------------------------------------------------------------------------
 
 void AuthorMode::keyDown(const KeyPress& key) {
     const AuthorCommand command = authorCommandFor(key);
@@ -156,9 +162,11 @@ void AuthorMode::frameDrawn() {
 }
 
 // ---------------------------------------------------------------------------------------------
-// [RELOAD: WATCHER THREAD] Read the directory again, compare it with what the show was built
-// from, prepare what changed. Everything the running show uses stays as it is until the main
-// thread installs the result; what fails is reported and the show keeps what it had.
+// [SECTION] Reload: watcher thread
+// ---------------------------------------------------------------------------------------------
+// Read the directory again, compare it with what the show was built from, prepare what changed.
+// Everything the running show uses stays as it is until the main thread installs the result;
+// what fails is reported and the show keeps what it had.
 
 void AuthorMode::directoryChanged(Clock::time_point changedAt) {
     Reload reload;
@@ -241,7 +249,9 @@ void AuthorMode::hand(Reload reload) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// [RELOAD: MAIN THREAD] Between two frames: the next frame draws with what is installed here.
+// [SECTION] Reload: main thread
+// ---------------------------------------------------------------------------------------------
+// Between two frames: the next frame draws with what is installed here.
 
 void AuthorMode::applyHanded() {
     std::optional<Reload> reload;
@@ -329,7 +339,9 @@ void AuthorMode::updateOverlay() {
 }
 
 // ---------------------------------------------------------------------------------------------
-// [STATUS] A few times a second, not per frame: the frame path stays free of formatting.
+// [SECTION] Status
+// ---------------------------------------------------------------------------------------------
+// A few times a second, not per frame: the frame path stays free of formatting.
 
 void AuthorMode::scheduleStatus() {
     mainQueue_.postAfter(kStatusInterval, [this] {

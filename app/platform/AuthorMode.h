@@ -12,7 +12,11 @@
 //   reload is drawn; the status line (show time, phase, frame rate, GPU time) in the window's
 //   title and, toggled with H, over the picture.
 //
-// Sections: [SET-UP] [KEYS] [RELOAD: WATCHER THREAD] [RELOAD: MAIN THREAD] [STATUS]
+// [SECTION] Set-up
+// [SECTION] Keys
+// [SECTION] Reload: watcher thread
+// [SECTION] Reload: main thread
+// [SECTION] Status
 
 #include <array>
 #include <chrono>
@@ -67,7 +71,8 @@ public:
 
     ShowTransport& transport() { return transport_; }
 
-    // [KEYS] Main thread: a key the view's own table passed on.
+    // [SECTION] Keys
+    // Main thread: a key the view's own table passed on.
     void keyDown(const KeyPress& key);
     // Main thread, after each frame drawn: reports that waited for it. Allocates nothing.
     void frameDrawn();

@@ -1,3 +1,9 @@
+// The inotify watch on a show directory: the thread that reads its events into changes, and the
+// watches on every directory of the tree, new ones as they appear.
+//
+// [SECTION] The watcher's thread
+// [SECTION] Watches
+
 #include "app/platform/DirectoryWatcher.h"
 
 #include <errno.h>
@@ -57,7 +63,8 @@ DirectoryWatcher::~DirectoryWatcher() {
 }
 
 // ---------------------------------------------------------------------------------------------
-// The watcher's thread
+// [SECTION] The watcher's thread
+// ---------------------------------------------------------------------------------------------
 
 void DirectoryWatcher::run() {
     ChangeBurst burst;
@@ -117,7 +124,8 @@ void DirectoryWatcher::readEvents(ChangeBurst& burst) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Watches
+// [SECTION] Watches
+// ---------------------------------------------------------------------------------------------
 
 void DirectoryWatcher::watchTree(const fs::path& directory) {
     std::error_code error;

@@ -1,3 +1,13 @@
+// The render view on SDL2: stage A, the window, the renderer, the music, author mode and the
+// display timer.
+//
+// [SECTION] Stage A
+// [SECTION] Window, screen, layer
+// [SECTION] Renderer
+// [SECTION] Music
+// [SECTION] Author mode
+// [SECTION] Display timer
+
 #include "app/platform/MetalView.h"
 
 #include <SDL2/SDL_vulkan.h>
@@ -34,7 +44,7 @@ std::vector<std::string> surfaceInstanceExtensions(SDL_Window* window) {
     return std::vector<std::string>(names.begin(), names.begin() + count);
 }
 
-// [SHOW SOURCE] The one place the show's archive is loaded. Without SHOW it is the bundle's
+// The one place the show's archive is loaded. Without SHOW it is the bundle's
 // demo.dat; SHOW is loaded under the path as given, so that every message names it that way.
 std::shared_ptr<const DemoArchive> loadShowArchive(const PlayerOptions& options) {
     if (options.showKind == ShowKind::Bundled) {
@@ -58,7 +68,7 @@ void MetalView::RendererRelease::operator()(Renderer* renderer) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Stage A
+// [SECTION] Stage A
 
 MetalView::MetalView(ViewFrame frame, SDL_Window* hostWindow, MainThreadQueue& mainQueue,
                      std::function<void()> terminate, const PlayerOptions& options)
@@ -70,7 +80,11 @@ MetalView::MetalView(ViewFrame frame, SDL_Window* hostWindow, MainThreadQueue& m
         gpu::DeviceOptions deviceOptions;
         deviceOptions.instanceExtensions = surfaceInstanceExtensions(hostWindow);
         deviceOptions.validation = options.validation;
-        _device = gpu::Device::create(deviceOptions);
+        try {
+            _device = gpu::Device::create(deviceOptions);
+        } catch (const gpu::Error&) {
+            // no device: the renderer's message says so
+        }
         if (_device) {
             _metalLayer = gpu::createWindowSurface(*_device, hostWindow);
         }
@@ -127,7 +141,7 @@ void MetalView::setFrameSize(double width, double height) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Window, screen, layer
+// [SECTION] Window, screen, layer
 
 bool MetalView::windowIsFullScreen() const {
     return window_ != nullptr && (SDL_GetWindowFlags(window_) & SDL_WINDOW_FULLSCREEN) != 0;
@@ -187,7 +201,7 @@ void MetalView::showSystemCursor() { SDL_ShowCursor(SDL_ENABLE); }
 void MetalView::systemLog(std::string_view line) { brisvale::systemLog(line); }
 
 // ---------------------------------------------------------------------------------------------
-// Renderer
+// [SECTION] Renderer
 
 bool MetalView::hasRenderer() const { return renderer_ != nullptr; }
 
@@ -205,7 +219,7 @@ void MetalView::drawWithRenderer(const FrameInfo& frame) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Music
+// [SECTION] Music
 
 std::span<const std::byte> MetalView::musicBytes() const {
     return std::as_bytes(archive_->open(manifest_.audioPath));
@@ -236,7 +250,7 @@ void MetalView::destroyPlayer() {
 void MetalView::destroySong() { audio::audio_song_destroy(&audioSong_); }
 
 // ---------------------------------------------------------------------------------------------
-// Author mode
+// [SECTION] Author mode
 
 bool MetalView::pauseMusic() { return audio::audio_player_pause(audioPlayer_) == 0; }
 
@@ -262,7 +276,7 @@ void MetalView::setWindowTitle(const std::string& title) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Display timer
+// [SECTION] Display timer
 
 void MetalView::startDisplayTimer() {
     SDL_DisplayMode mode{};

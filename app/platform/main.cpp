@@ -66,7 +66,7 @@ private:
     Uint32 wakeEvent_ = 0;
 };
 
-// [EVENTS] One SDL event to its handler.
+// One SDL event to its handler.
 void handleEvent(const SDL_Event& event, Application& application, AppDelegate& delegate) {
     switch (event.type) {
     case SDL_QUIT:  // also SIGINT and SIGTERM

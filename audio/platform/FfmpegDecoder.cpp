@@ -3,7 +3,14 @@
 // deliver interleaved float32 or s16 frames at the file's own rate and channel count, the exact
 // length in frames (from the container, else counted), and sample-exact seeking.
 //
-// Sections: [LOG] [READER] [TAGS] [DECODER] [LENGTH] [READ] [COUNT] [SEEK]
+// [SECTION] Log
+// [SECTION] Reader
+// [SECTION] Tags
+// [SECTION] Decoder
+// [SECTION] Length
+// [SECTION] Read
+// [SECTION] Count
+// [SECTION] Seek
 
 #include "audio/platform/Decoder.h"
 
@@ -21,20 +28,21 @@
 #include <new>
 
 extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavformat/avformat.h>
 #include <libavutil/channel_layout.h>
 #include <libavutil/opt.h>
-#include <libswresample/swresample.h>
 }
 
 #include "audio/internal/messages.h"
+#include "audio/platform/FfmpegHandles.h"
 
 namespace pelora::gamedev::core {
 namespace platform {
 namespace {
 
-// [LOG] FFmpeg's own complaints follow the library's logging switch: errors only, and only
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Log
+// ---------------------------------------------------------------------------------------------
+// FFmpeg's own complaints follow the library's logging switch: errors only, and only
 // while logging is on. Installed once per process.
 void ffmpegLog(void*, int level, const char* format, va_list args) {
     if (level > AV_LOG_ERROR || !audio_internal_error_reporting.load(std::memory_order_relaxed)) {
@@ -48,28 +56,6 @@ void installFfmpegLog() {
     std::call_once(once, [] { av_log_set_callback(ffmpegLog); });
 }
 
-struct FormatCloser {
-    void operator()(AVFormatContext* f) const { avformat_close_input(&f); }
-};
-struct IoFreer {
-    void operator()(AVIOContext* io) const {
-        av_freep(&io->buffer);
-        avio_context_free(&io);
-    }
-};
-struct CodecFreer {
-    void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
-};
-struct SwrFreer {
-    void operator()(SwrContext* s) const { swr_free(&s); }
-};
-struct PacketFreer {
-    void operator()(AVPacket* p) const { av_packet_free(&p); }
-};
-struct FrameFreer {
-    void operator()(AVFrame* f) const { av_frame_free(&f); }
-};
-
 constexpr int kIoBufferSize = 32768;
 // A path's URL. The reader opens the file itself; FFmpeg sees the URL only as the file's name
 // ("file:" keeps a colon in the name from reading as a protocol).
@@ -77,7 +63,10 @@ constexpr const char* kFileUrlPrefix = "file:";
 
 } // namespace
 
-// [READER]
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Reader
+// ---------------------------------------------------------------------------------------------
+
 // A file descriptor closed with its owner.
 struct FileDescriptor {
     int fd = -1;
@@ -97,8 +86,8 @@ struct ContainerReader {
     FileDescriptor file;
     // Declared before `format` so that it is released after it: the format context reads
     // through it until it is closed.
-    std::unique_ptr<AVIOContext, IoFreer> io;
-    std::unique_ptr<AVFormatContext, FormatCloser> format;
+    ffmpeg::CustomIo io;
+    ffmpeg::InputFormat format;
     int audioStream = -1;
 
     void* context = nullptr;
@@ -318,7 +307,10 @@ void containerClose(ContainerReader* reader) noexcept {
     std::unique_ptr<ContainerReader> owned(reader);
 }
 
-// [TAGS]
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Tags
+// ---------------------------------------------------------------------------------------------
+
 namespace {
 
 const char* findTag(const ContainerReader& r, const char* key) {
@@ -405,13 +397,16 @@ Status containerGetAlbumArtwork(ContainerReader* reader, std::vector<uint8_t>* a
 
 } // namespace platform
 
-// [DECODER]
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Decoder
+// ---------------------------------------------------------------------------------------------
+
 struct audio_decoder {
     std::unique_ptr<platform::ContainerReader> reader;
-    std::unique_ptr<AVCodecContext, platform::CodecFreer> codec;
-    std::unique_ptr<AVPacket, platform::PacketFreer> packet;
-    std::unique_ptr<AVFrame, platform::FrameFreer> frame;
-    std::unique_ptr<SwrContext, platform::SwrFreer> swr;
+    ffmpeg::CodecContext codec;
+    ffmpeg::Packet packet;
+    ffmpeg::Frame frame;
+    ffmpeg::Resampler swr;
     AVStream* stream = nullptr;
 
     AudioStreamBasicDescription client{};
@@ -432,7 +427,7 @@ struct audio_decoder {
     // Timestamp (stream time base) of frame 0: the first frame decoded from the start. Frames are
     // placed relative to it; the first one is held until the first read.
     int64_t originPts = 0;
-    std::unique_ptr<AVFrame, platform::FrameFreer> held;
+    ffmpeg::Frame held;
     bool heldValid = false;
     // Formats whose timestamps after a demuxer seek are only estimates reach a frame by decoding.
     bool seekByDecoding = false;
@@ -503,7 +498,10 @@ bool lameDelayAndPadding(AVIOContext* io, int64_t* delay, int64_t* padding) {
 // place a frame exactly.
 bool millisecondTimestamps(const AVInputFormat* format) { return std::strcmp(format->name, "matroska,webm") == 0; }
 
-// [LENGTH] The length in frames where the container states it, equal to the frames decoded:
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Length
+// ---------------------------------------------------------------------------------------------
+// The length in frames where the container states it, equal to the frames decoded:
 // WAV/AIFF (data size), FLAC (STREAMINFO), Ogg (last granule, less the Opus pre-skip),
 // MP4 (edit list, so AAC priming is already left out), MP3 with a Xing/LAME header (its frame
 // count less the encoder delay and padding of the LAME tag). Raw streams (ADTS, MP3 without a
@@ -650,7 +648,7 @@ Status openCodec(audio_decoder& d) {
     if (codec == nullptr) {
         return kStatusFormatNotSupported;
     }
-    std::unique_ptr<AVCodecContext, CodecFreer> c(avcodec_alloc_context3(codec));
+    ffmpeg::CodecContext c(avcodec_alloc_context3(codec));
     if (!c) {
         return kStatusOutOfMemory;
     }
@@ -702,7 +700,10 @@ Status rewind(audio_decoder& d) {
     return 0;
 }
 
-// [READ] The codec's next frame into `frame`: 0, AVERROR_EOF once everything has come out, or
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Read
+// ---------------------------------------------------------------------------------------------
+// The codec's next frame into `frame`: 0, AVERROR_EOF once everything has come out, or
 // a failure. Feeds packets of the audio stream as the codec asks for them.
 int receiveFrame(audio_decoder& d, AVFrame* frame) {
     if (d.heldValid) {
@@ -870,7 +871,10 @@ Status decoderGetFileDataFormat(audio_decoder* d, AudioStreamBasicDescription* f
     return 0;
 }
 
-// [COUNT] Where the container states no length, it is counted once, on a second reader over the
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Count
+// ---------------------------------------------------------------------------------------------
+// Where the container states no length, it is counted once, on a second reader over the
 // same bytes, so that the decoder that plays stays where it is. Codecs whose packets state their
 // frames are counted packet by packet without decoding (less the start and end trims the stream
 // declares, as the codec applies them); the others are decoded, through the same steps as
@@ -906,7 +910,7 @@ uint32_t readLe32(const uint8_t* b) {
 enum class Count { Counted, NeedsDecoding, Unknown };
 
 Count countPackets(ContainerReader& r, int rate, int64_t* frames) {
-    std::unique_ptr<AVPacket, PacketFreer> p(av_packet_alloc());
+    ffmpeg::Packet p(av_packet_alloc());
     if (!p) {
         return Count::Unknown;
     }
@@ -1133,7 +1137,10 @@ Status decoderRead(audio_decoder* d, uint32_t* frames, void* destination, uint32
     return 0;
 }
 
-// [SEEK] Demuxer seek to a little before the target (codecs need a run-up to settle), then
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Seek
+// ---------------------------------------------------------------------------------------------
+// Demuxer seek to a little before the target (codecs need a run-up to settle), then
 // decode and drop frames up to it. Where timestamps after a seek cannot be trusted, the target
 // is reached by decoding: onwards from where the decoder stands, or again from the start.
 Status decoderSeek(audio_decoder* d, int64_t frame) noexcept {

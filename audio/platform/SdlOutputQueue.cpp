@@ -7,6 +7,11 @@
 // - The queue's own thread (`handBackLoop`) hands played buffers to the refill callback, and
 //   pauses the device once a stop-after-play has run dry.
 // - The caller's thread: start, stop, reset, enqueue (also from the refill callback), time.
+//
+// [SECTION] Buffers
+// [SECTION] The queue
+// [SECTION] The device thread and the queue thread
+// [SECTION] Interface
 
 #include "audio/platform/OutputQueue.h"
 
@@ -30,6 +35,10 @@ constexpr Status kStatusNoDevice = static_cast<Status>(fourCharCode("nodv"));
 constexpr Status kStatusTooManyBuffers = static_cast<Status>(fourCharCode("bufs"));
 constexpr size_t kMaxBuffers = 32;
 constexpr Uint16 kDeviceFrames = 1024;
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Buffers
+// ---------------------------------------------------------------------------------------------
 
 // A fixed ring of buffer handles: no allocation on the device thread.
 struct BufferRing {
@@ -80,6 +89,10 @@ struct BufferStorage {
 
 } // namespace
 
+// ---------------------------------------------------------------------------------------------
+// [SECTION] The queue
+// ---------------------------------------------------------------------------------------------
+
 struct OutputQueue {
     SDL_AudioDeviceID device = 0;
     bool sdlStarted = false;
@@ -125,6 +138,10 @@ struct OutputQueue {
 };
 
 namespace {
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] The device thread and the queue thread
+// ---------------------------------------------------------------------------------------------
 
 void copyScaled(uint8_t* out, const uint8_t* in, size_t bytes, float volume, bool floatSamples) {
     if (volume == 1.0f) {
@@ -251,6 +268,10 @@ void discardAll(OutputQueue* q, bool keepClock) {
 }
 
 } // namespace
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Interface
+// ---------------------------------------------------------------------------------------------
 
 Status queueNewOutput(const AudioStreamBasicDescription& format, OutputCallback callback, void* user,
                       OutputQueue** out) noexcept {

@@ -10,7 +10,7 @@ build=${BUILD:-build}
 edits=${1:-8}
 player="$build/app/brisvale"
 pack="$build/tools/pack/brisvale-pack"
-small="$build/app/test-show"
+small="$build/tests/app/test-show"
 default="$build/app/demo.dat"
 for needed in "$player" "$pack" "$default" "$small/demo.ini"; do
   if [ ! -e "$needed" ]; then

@@ -4,6 +4,9 @@
 // - Decoding a memory-loaded song to s16 against `ffmpeg -i FILE -f null -` on the same file:
 //   `x_realtime` is seconds of audio decoded per second (per CPU second for the CLI, which
 //   reports its own CPU time; compare with the CPU column of the memory load).
+//
+// [SECTION] Refill processing
+// [SECTION] Decoding
 
 #include <benchmark/benchmark.h>
 
@@ -31,6 +34,10 @@ namespace {
 
 constexpr uint32_t kFrames = 2048;
 constexpr double kRate = 48000.0;
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Refill processing
+// ---------------------------------------------------------------------------------------------
 
 template <typename Sample>
 void refillProcessing(benchmark::State& state) {
@@ -72,7 +79,10 @@ void BM_RefillProcessing_FloatStereo(benchmark::State& state) { refillProcessing
 BENCHMARK(BM_RefillProcessing_S16Stereo);
 BENCHMARK(BM_RefillProcessing_FloatStereo);
 
-// [DECODING] 60 s of stereo music-like noise, encoded once by the ffmpeg CLI.
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Decoding
+// ---------------------------------------------------------------------------------------------
+// 60 s of stereo music-like noise, encoded once by the ffmpeg CLI.
 constexpr double kSeconds = 60.0;
 
 std::string benchFile(const std::string& extension, const std::string& codecArgs) {

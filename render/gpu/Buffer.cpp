@@ -1,10 +1,9 @@
 #include "render/gpu/Buffer.h"
 
 #include "render/gpu/Device.h"
-#include "render/gpu/Sync.h"
+#include "render/gpu/Recording.h"
 
 #include <cstring>
-#include <stdexcept>
 
 namespace brisvale::gpu {
 
@@ -18,36 +17,30 @@ std::unique_ptr<Buffer> Buffer::create(Device& device, VkDeviceSize size, VkBuff
     info.usage = usage;
     if (memory == BufferMemory::GpuPrivate) info.usage |= VK_BUFFER_USAGE_TRANSFER_DST_BIT;
     info.sharingMode = VK_SHARING_MODE_EXCLUSIVE;
-    if (vkCreateBuffer(device.handle(), &info, nullptr, &self->buffer_) != VK_SUCCESS) return nullptr;
+    checkCreated(vkCreateBuffer(device.handle(), &info, nullptr, &self->buffer_), self->buffer_, "vkCreateBuffer");
 
     VkMemoryRequirements requirements;
     vkGetBufferMemoryRequirements(device.handle(), self->buffer_, &requirements);
-    std::optional<std::uint32_t> type;
+    VkMemoryPropertyFlags required = VK_MEMORY_PROPERTY_HOST_VISIBLE_BIT;
+    VkMemoryPropertyFlags preferred = VK_MEMORY_PROPERTY_HOST_COHERENT_BIT;
     switch (memory) {
     case BufferMemory::GpuPrivate:
-        type = device.findMemoryType(requirements.memoryTypeBits, 0, VK_MEMORY_PROPERTY_DEVICE_LOCAL_BIT);
+        required = 0;
+        preferred = VK_MEMORY_PROPERTY_DEVICE_LOCAL_BIT;
         break;
     case BufferMemory::HostVisible:
-        type = device.findMemoryType(requirements.memoryTypeBits, VK_MEMORY_PROPERTY_HOST_VISIBLE_BIT,
-                                     VK_MEMORY_PROPERTY_HOST_COHERENT_BIT);
         break;
     case BufferMemory::HostReadback:
-        type = device.findMemoryType(requirements.memoryTypeBits, VK_MEMORY_PROPERTY_HOST_VISIBLE_BIT,
-                                     VK_MEMORY_PROPERTY_HOST_CACHED_BIT);
+        preferred = VK_MEMORY_PROPERTY_HOST_CACHED_BIT;
         break;
     }
-    if (!type) return nullptr;
-    VkMemoryAllocateInfo allocateInfo{};
-    allocateInfo.sType = VK_STRUCTURE_TYPE_MEMORY_ALLOCATE_INFO;
-    allocateInfo.allocationSize = requirements.size;
-    allocateInfo.memoryTypeIndex = *type;
-    if (vkAllocateMemory(device.handle(), &allocateInfo, nullptr, &self->memory_) != VK_SUCCESS) return nullptr;
-    if (vkBindBufferMemory(device.handle(), self->buffer_, self->memory_, 0) != VK_SUCCESS) return nullptr;
+    const Device::Allocation allocation = device.allocate(requirements, required, preferred);
+    self->memory_ = allocation.memory;
+    check(vkBindBufferMemory(device.handle(), self->buffer_, self->memory_, 0), "vkBindBufferMemory");
     if (memory != BufferMemory::GpuPrivate) {
-        self->coherent_ = device.isHostCoherent(*type);
-        if (vkMapMemory(device.handle(), self->memory_, 0, VK_WHOLE_SIZE, 0, &self->mapped_) != VK_SUCCESS) {
-            return nullptr;
-        }
+        self->coherent_ = device.isHostCoherent(allocation.type);
+        checkCreated(vkMapMemory(device.handle(), self->memory_, 0, VK_WHOLE_SIZE, 0, &self->mapped_), self->mapped_,
+                     "vkMapMemory");
     }
     return self;
 }
@@ -60,27 +53,27 @@ Buffer::~Buffer() {
 
 void Buffer::flush() {
     if (coherent_ || !mapped_) return;
-    VkMappedMemoryRange range{};
-    range.sType = VK_STRUCTURE_TYPE_MAPPED_MEMORY_RANGE;
-    range.memory = memory_;
-    range.offset = 0;
-    range.size = VK_WHOLE_SIZE;
+    const VkMappedMemoryRange range = wholeMemory();
     check(vkFlushMappedMemoryRanges(device_.handle(), 1, &range), "vkFlushMappedMemoryRanges");
 }
 
 void Buffer::invalidate() {
     if (coherent_ || !mapped_) return;
+    const VkMappedMemoryRange range = wholeMemory();
+    check(vkInvalidateMappedMemoryRanges(device_.handle(), 1, &range), "vkInvalidateMappedMemoryRanges");
+}
+
+VkMappedMemoryRange Buffer::wholeMemory() const {
     VkMappedMemoryRange range{};
     range.sType = VK_STRUCTURE_TYPE_MAPPED_MEMORY_RANGE;
     range.memory = memory_;
     range.offset = 0;
     range.size = VK_WHOLE_SIZE;
-    check(vkInvalidateMappedMemoryRanges(device_.handle(), 1, &range), "vkInvalidateMappedMemoryRanges");
+    return range;
 }
 
 void Buffer::upload(const void* bytes, VkDeviceSize size) {
     auto staging = Buffer::create(device_, size, VK_BUFFER_USAGE_TRANSFER_SRC_BIT, BufferMemory::HostVisible);
-    if (!staging) throw std::runtime_error("Failed to create staging buffer");
     std::memcpy(staging->data(), bytes, size);
     staging->flush();
     device_.runNow([&](VkCommandBuffer commands) {

@@ -20,7 +20,7 @@ enum class BufferMemory {
 
 class Buffer {
 public:
-    // nullptr when the buffer or its memory cannot be made.
+    // Throws Error when the buffer or its memory cannot be made.
     static std::unique_ptr<Buffer> create(Device& device, VkDeviceSize size, VkBufferUsageFlags usage,
                                           BufferMemory memory);
     ~Buffer();
@@ -43,6 +43,7 @@ public:
 
 private:
     Buffer(Device& device) : device_(device) {}
+    VkMappedMemoryRange wholeMemory() const;
 
     Device& device_;
     VkBuffer buffer_ = VK_NULL_HANDLE;

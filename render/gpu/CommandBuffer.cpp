@@ -3,7 +3,7 @@
 #include "render/gpu/Buffer.h"
 #include "render/gpu/Device.h"
 #include "render/gpu/Pipeline.h"
-#include "render/gpu/Sync.h"
+#include "render/gpu/Recording.h"
 #include "render/gpu/Texture.h"
 
 namespace brisvale::gpu {
@@ -14,17 +14,19 @@ std::unique_ptr<CommandBuffer> CommandBuffer::create(Device& device) {
     poolInfo.sType = VK_STRUCTURE_TYPE_COMMAND_POOL_CREATE_INFO;
     poolInfo.flags = VK_COMMAND_POOL_CREATE_TRANSIENT_BIT;
     poolInfo.queueFamilyIndex = device.queueFamily();
-    if (vkCreateCommandPool(device.handle(), &poolInfo, nullptr, &self->pool_) != VK_SUCCESS) return nullptr;
+    checkCreated(vkCreateCommandPool(device.handle(), &poolInfo, nullptr, &self->pool_), self->pool_,
+                 "vkCreateCommandPool");
     VkCommandBufferAllocateInfo allocateInfo{};
     allocateInfo.sType = VK_STRUCTURE_TYPE_COMMAND_BUFFER_ALLOCATE_INFO;
     allocateInfo.commandPool = self->pool_;
     allocateInfo.level = VK_COMMAND_BUFFER_LEVEL_PRIMARY;
     allocateInfo.commandBufferCount = 1;
-    if (vkAllocateCommandBuffers(device.handle(), &allocateInfo, &self->commands_) != VK_SUCCESS) return nullptr;
+    checkCreated(vkAllocateCommandBuffers(device.handle(), &allocateInfo, &self->commands_), self->commands_,
+                 "vkAllocateCommandBuffers");
     VkFenceCreateInfo fenceInfo{};
     fenceInfo.sType = VK_STRUCTURE_TYPE_FENCE_CREATE_INFO;
     fenceInfo.flags = VK_FENCE_CREATE_SIGNALED_BIT;  // "previous use complete" holds for the first frame
-    if (vkCreateFence(device.handle(), &fenceInfo, nullptr, &self->fence_) != VK_SUCCESS) return nullptr;
+    checkCreated(vkCreateFence(device.handle(), &fenceInfo, nullptr, &self->fence_), self->fence_, "vkCreateFence");
     return self;
 }
 
@@ -97,7 +99,9 @@ void CommandBuffer::beginRendering(const ColorTarget& color, const DepthTarget& 
     colorInfo.imageLayout = VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL;
     colorInfo.loadOp = color.clear ? VK_ATTACHMENT_LOAD_OP_CLEAR : VK_ATTACHMENT_LOAD_OP_LOAD;
     colorInfo.storeOp = VK_ATTACHMENT_STORE_OP_STORE;
-    for (int i = 0; i < 4; ++i) colorInfo.clearValue.color.float32[i] = color.clearColor[i];
+    for (std::size_t i = 0; i < color.clearColor.size(); ++i) {
+        colorInfo.clearValue.color.float32[i] = color.clearColor[i];
+    }
     VkRenderingAttachmentInfo depthInfo{};
     depthInfo.sType = VK_STRUCTURE_TYPE_RENDERING_ATTACHMENT_INFO;
     if (depth.texture) {
@@ -163,13 +167,15 @@ void CommandBuffer::memoryBarrier(VkPipelineStageFlags2 srcStage, VkAccessFlags2
     gpu::memoryBarrier(commands_, srcStage, srcAccess, dstStage, dstAccess);
 }
 
+void CommandBuffer::imageBarrier(const Texture& texture, VkImageLayout oldLayout, VkImageLayout newLayout,
+                                 VkPipelineStageFlags2 srcStage, VkAccessFlags2 srcAccess,
+                                 VkPipelineStageFlags2 dstStage, VkAccessFlags2 dstAccess) {
+    gpu::imageBarrier(commands_, texture, oldLayout, newLayout, srcStage, srcAccess, dstStage, dstAccess);
+}
+
 std::unique_ptr<CommandQueue> CommandQueue::create(Device& device, std::uint32_t slots) {
     std::unique_ptr<CommandQueue> self(new CommandQueue());
-    for (std::uint32_t i = 0; i < slots; ++i) {
-        auto buffer = CommandBuffer::create(device);
-        if (!buffer) return nullptr;
-        self->buffers_.push_back(std::move(buffer));
-    }
+    for (std::uint32_t i = 0; i < slots; ++i) self->buffers_.push_back(CommandBuffer::create(device));
     return self;
 }
 

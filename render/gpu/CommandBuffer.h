@@ -5,6 +5,7 @@
 
 #include "render/gpu/Vk.h"
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -27,7 +28,11 @@ struct SubmitSync {
 struct ColorTarget {
     const Texture* texture = nullptr;  // in COLOR_ATTACHMENT_OPTIMAL during the pass
     bool clear = true;                 // else load
-    float clearColor[4] = {0, 0, 0, 1};
+    std::array<float, 4> clearColor = {0, 0, 0, 1};
+
+    // A pass that starts from `color` everywhere, or one that draws over what is there.
+    static ColorTarget cleared(const Texture& texture, std::array<float, 4> color) { return {&texture, true, color}; }
+    static ColorTarget loaded(const Texture& texture) { return {&texture, false}; }
 };
 
 struct DepthTarget {
@@ -37,7 +42,7 @@ struct DepthTarget {
 
 class CommandBuffer {
 public:
-    static std::unique_ptr<CommandBuffer> create(Device& device);  // nullptr on failure
+    static std::unique_ptr<CommandBuffer> create(Device& device);  // throws Error on failure
     ~CommandBuffer();
     CommandBuffer(const CommandBuffer&) = delete;
     CommandBuffer& operator=(const CommandBuffer&) = delete;
@@ -68,8 +73,12 @@ public:
     // `destination` (TRANSFER_DST_OPTIMAL), whatever their sizes.
     void stretch(const Texture& source, const Texture& destination);
 
+    // Recording.h's barriers, on this command buffer.
     void memoryBarrier(VkPipelineStageFlags2 srcStage, VkAccessFlags2 srcAccess, VkPipelineStageFlags2 dstStage,
                        VkAccessFlags2 dstAccess);
+    void imageBarrier(const Texture& texture, VkImageLayout oldLayout, VkImageLayout newLayout,
+                      VkPipelineStageFlags2 srcStage, VkAccessFlags2 srcAccess, VkPipelineStageFlags2 dstStage,
+                      VkAccessFlags2 dstAccess);
 
 private:
     CommandBuffer(Device& device) : device_(device) {}
@@ -84,7 +93,7 @@ private:
 // The renderer's command queue: the device's queue plus one reusable command buffer per frame slot.
 class CommandQueue {
 public:
-    static std::unique_ptr<CommandQueue> create(Device& device, std::uint32_t slots);  // nullptr on failure
+    static std::unique_ptr<CommandQueue> create(Device& device, std::uint32_t slots);  // throws Error on failure
     CommandBuffer& buffer(std::uint32_t slot) { return *buffers_[slot]; }
     std::uint32_t slots() const { return static_cast<std::uint32_t>(buffers_.size()); }
 

@@ -23,7 +23,8 @@ std::unique_ptr<DescriptorPool> DescriptorPool::create(Device& device, const Pip
     info.maxSets = sets;
     info.poolSizeCount = static_cast<std::uint32_t>(sizes.size());
     info.pPoolSizes = sizes.data();
-    if (vkCreateDescriptorPool(device.handle(), &info, nullptr, &self->pool_) != VK_SUCCESS) return nullptr;
+    checkCreated(vkCreateDescriptorPool(device.handle(), &info, nullptr, &self->pool_), self->pool_,
+                 "vkCreateDescriptorPool");
     return self;
 }
 
@@ -39,39 +40,35 @@ VkDescriptorSet DescriptorPool::allocate() {
     info.descriptorSetCount = 1;
     info.pSetLayouts = &setLayout;
     VkDescriptorSet set = VK_NULL_HANDLE;
-    if (vkAllocateDescriptorSets(device_.handle(), &info, &set) != VK_SUCCESS) return VK_NULL_HANDLE;
+    check(vkAllocateDescriptorSets(device_.handle(), &info, &set), "vkAllocateDescriptorSets");
     return set;
 }
 
 DescriptorSetWriter& DescriptorSetWriter::storageBuffer(std::uint32_t binding, const Buffer& buffer) {
-    if (count_ == kMaxWrites) throw std::logic_error("too many descriptor writes");
+    VkWriteDescriptorSet& write = nextWrite(binding, VK_DESCRIPTOR_TYPE_STORAGE_BUFFER);
     buffers_[count_] = {buffer.handle(), 0, VK_WHOLE_SIZE};
-    VkWriteDescriptorSet& write = writes_[count_];
-    write = {};
-    write.sType = VK_STRUCTURE_TYPE_WRITE_DESCRIPTOR_SET;
-    write.dstSet = set_;
-    write.dstBinding = binding;
-    write.descriptorCount = 1;
-    write.descriptorType = VK_DESCRIPTOR_TYPE_STORAGE_BUFFER;
-    write.pBufferInfo = &buffers_[count_];
-    ++count_;
+    write.pBufferInfo = &buffers_[count_++];
     return *this;
 }
 
 DescriptorSetWriter& DescriptorSetWriter::sampledTexture(std::uint32_t binding, const Texture& texture,
                                                          const Sampler& sampler, VkImageLayout layout) {
-    if (count_ == kMaxWrites) throw std::logic_error("too many descriptor writes");
+    VkWriteDescriptorSet& write = nextWrite(binding, VK_DESCRIPTOR_TYPE_COMBINED_IMAGE_SAMPLER);
     images_[count_] = {sampler.handle(), texture.view(), layout};
+    write.pImageInfo = &images_[count_++];
+    return *this;
+}
+
+VkWriteDescriptorSet& DescriptorSetWriter::nextWrite(std::uint32_t binding, VkDescriptorType type) {
+    if (count_ == kMaxWrites) throw std::logic_error("too many descriptor writes");
     VkWriteDescriptorSet& write = writes_[count_];
     write = {};
     write.sType = VK_STRUCTURE_TYPE_WRITE_DESCRIPTOR_SET;
     write.dstSet = set_;
     write.dstBinding = binding;
     write.descriptorCount = 1;
-    write.descriptorType = VK_DESCRIPTOR_TYPE_COMBINED_IMAGE_SAMPLER;
-    write.pImageInfo = &images_[count_];
-    ++count_;
-    return *this;
+    write.descriptorType = type;
+    return write;
 }
 
 void DescriptorSetWriter::commit() {

@@ -18,13 +18,13 @@ class Texture;
 
 class DescriptorPool {
 public:
-    // Room for `sets` sets of `layout`; nullptr on failure.
+    // Room for `sets` sets of `layout`. Throws Error on failure.
     static std::unique_ptr<DescriptorPool> create(Device& device, const PipelineLayout& layout, std::uint32_t sets);
     ~DescriptorPool();
     DescriptorPool(const DescriptorPool&) = delete;
     DescriptorPool& operator=(const DescriptorPool&) = delete;
 
-    VkDescriptorSet allocate();  // VK_NULL_HANDLE when the pool is exhausted
+    VkDescriptorSet allocate();  // throws Error when the pool is exhausted
 
 private:
     DescriptorPool(Device& device, const PipelineLayout& layout) : device_(device), layout_(layout) {}
@@ -43,6 +43,8 @@ public:
 
 private:
     static constexpr std::size_t kMaxWrites = 8;
+    // The next write of the batch, its resource still to be filled in.
+    VkWriteDescriptorSet& nextWrite(std::uint32_t binding, VkDescriptorType type);
     Device& device_;
     VkDescriptorSet set_;
     std::array<VkWriteDescriptorSet, kMaxWrites> writes_{};

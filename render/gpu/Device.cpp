@@ -8,11 +8,11 @@
 
 #include "render/gpu/Device.h"
 
+#include "render/RenderLog.h"
 #include "render/gpu/CompletionThread.h"
 
-#include <cstdio>
 #include <cstring>
-#include <stdexcept>
+#include <string>
 
 namespace brisvale::gpu {
 namespace {
@@ -106,7 +106,8 @@ VKAPI_ATTR VkBool32 VKAPI_CALL Device::onMessage(VkDebugUtilsMessageSeverityFlag
                                                  void* user) {
     auto* self = static_cast<Device*>(user);
     self->validationMessages_.fetch_add(1);
-    std::fprintf(stderr, "Vulkan validation: %s\n", data && data->pMessage ? data->pMessage : "(no text)");
+    const char* text = data && data->pMessage ? data->pMessage : "(no text)";
+    renderLog(RenderLogItem::ValidationMessage, text);
     return VK_FALSE;
 }
 
@@ -114,7 +115,8 @@ void Device::installMessenger(const VkDebugUtilsMessengerCreateInfoEXT& info) {
     auto createMessenger = reinterpret_cast<PFN_vkCreateDebugUtilsMessengerEXT>(
         vkGetInstanceProcAddr(instance_, "vkCreateDebugUtilsMessengerEXT"));
     if (createMessenger) {
-        createMessenger(instance_, &info, nullptr, &messenger_);
+        checkCreated(createMessenger(instance_, &info, nullptr, &messenger_), messenger_,
+                     "vkCreateDebugUtilsMessengerEXT");
     }
 }
 
@@ -125,7 +127,7 @@ std::unique_ptr<Device> Device::create(const DeviceOptions& options) {
     const bool debugUtils = hasInstanceExtension(VK_EXT_DEBUG_UTILS_EXTENSION_NAME);
     const bool validation = options.validation && hasLayer(kValidationLayer) && debugUtils;
     if (options.validation && !validation) {
-        std::fprintf(stderr, "Vulkan validation layer is not available\n");
+        renderLog(RenderLogItem::ValidationLayerMissing);
     }
 
     std::vector<const char*> extensions;
@@ -165,9 +167,7 @@ std::unique_ptr<Device> Device::create(const DeviceOptions& options) {
     instanceInfo.ppEnabledLayerNames = layers.data();
     instanceInfo.enabledExtensionCount = static_cast<std::uint32_t>(extensions.size());
     instanceInfo.ppEnabledExtensionNames = extensions.data();
-    if (vkCreateInstance(&instanceInfo, nullptr, &self->instance_) != VK_SUCCESS) {
-        return nullptr;
-    }
+    checkCreated(vkCreateInstance(&instanceInfo, nullptr, &self->instance_), self->instance_, "vkCreateInstance");
     if (validation) {
         self->installMessenger(messengerInfo);
     }
@@ -203,7 +203,7 @@ std::unique_ptr<Device> Device::create(const DeviceOptions& options) {
         }
     }
     if (self->physicalDevice_ == VK_NULL_HANDLE) {
-        return nullptr;
+        throw Error("No Vulkan 1.3 device with dynamic rendering, synchronization2 and a graphics and compute queue");
     }
     // A validation layer the loader added: its messages from here on reach the messenger.
     if (!validation && debugUtils && validationToolActive(self->instance_, self->physicalDevice_)) {
@@ -266,9 +266,8 @@ std::unique_ptr<Device> Device::create(const DeviceOptions& options) {
     deviceInfo.pQueueCreateInfos = &queueInfo;
     deviceInfo.enabledExtensionCount = static_cast<std::uint32_t>(deviceExtensions.size());
     deviceInfo.ppEnabledExtensionNames = deviceExtensions.data();
-    if (vkCreateDevice(self->physicalDevice_, &deviceInfo, nullptr, &self->device_) != VK_SUCCESS) {
-        return nullptr;
-    }
+    checkCreated(vkCreateDevice(self->physicalDevice_, &deviceInfo, nullptr, &self->device_), self->device_,
+                 "vkCreateDevice");
     vkGetDeviceQueue(self->device_, self->queueFamily_, 0, &self->queue_);
 
     VkCommandPoolCreateInfo poolInfo{};
@@ -276,9 +275,8 @@ std::unique_ptr<Device> Device::create(const DeviceOptions& options) {
     poolInfo.sType = VK_STRUCTURE_TYPE_COMMAND_POOL_CREATE_INFO;
     poolInfo.flags = VK_COMMAND_POOL_CREATE_TRANSIENT_BIT | VK_COMMAND_POOL_CREATE_RESET_COMMAND_BUFFER_BIT;
     poolInfo.queueFamilyIndex = self->queueFamily_;
-    if (vkCreateCommandPool(self->device_, &poolInfo, nullptr, &self->oneShotPool_) != VK_SUCCESS) {
-        return nullptr;
-    }
+    checkCreated(vkCreateCommandPool(self->device_, &poolInfo, nullptr, &self->oneShotPool_), self->oneShotPool_,
+                 "vkCreateCommandPool");
     self->completions_ = std::make_unique<CompletionThread>(self->device_);
     return self;
 }
@@ -315,6 +313,23 @@ bool Device::isHostCoherent(std::uint32_t memoryType) const {
     return (memory_.memoryTypes[memoryType].propertyFlags & VK_MEMORY_PROPERTY_HOST_COHERENT_BIT) != 0;
 }
 
+Device::Allocation Device::allocate(const VkMemoryRequirements& requirements, VkMemoryPropertyFlags required,
+                                    VkMemoryPropertyFlags preferred) const {
+    const std::optional<std::uint32_t> type = findMemoryType(requirements.memoryTypeBits, required, preferred);
+    if (!type) throw Error("No memory type of the device has the properties asked for");
+    // The device promises nothing above this size: refused before the driver sees it.
+    if (requirements.size > maxAllocationSize_)
+        throw Error("An allocation of " + std::to_string(requirements.size) + " bytes is beyond the device's largest");
+    VkMemoryAllocateInfo info{};
+    info.sType = VK_STRUCTURE_TYPE_MEMORY_ALLOCATE_INFO;
+    info.allocationSize = requirements.size;
+    info.memoryTypeIndex = *type;
+    Allocation allocation;
+    allocation.type = *type;
+    checkCreated(vkAllocateMemory(device_, &info, nullptr, &allocation.memory), allocation.memory, "vkAllocateMemory");
+    return allocation;
+}
+
 // ---------------------------------------------------------------------------------------------
 // [SECTION] Queue services
 // ---------------------------------------------------------------------------------------------
@@ -335,13 +350,24 @@ void Device::waitIdle() {
 }
 
 void Device::runNow(const std::function<void(VkCommandBuffer)>& record) {
-    VkCommandBuffer commands = VK_NULL_HANDLE;
-    VkFence fence = VK_NULL_HANDLE;
     VkFenceCreateInfo fenceInfo{};
     fenceInfo.sType = VK_STRUCTURE_TYPE_FENCE_CREATE_INFO;
-    VkResult result = vkCreateFence(device_, &fenceInfo, nullptr, &fence);
-    check(result, "GPU upload");
-    const char* failed = "GPU upload";
+    VkFence fence = VK_NULL_HANDLE;
+    checkCreated(vkCreateFence(device_, &fenceInfo, nullptr, &fence), fence, "vkCreateFence");
+    VkCommandBuffer commands = VK_NULL_HANDLE;
+    // Both go back however this ends; the command buffer only once the GPU is done with it.
+    struct Release {
+        Device& device;
+        VkFence& fence;
+        VkCommandBuffer& commands;
+        ~Release() {
+            if (commands != VK_NULL_HANDLE) {
+                std::lock_guard lock(device.oneShotMutex_);
+                vkFreeCommandBuffers(device.device_, device.oneShotPool_, 1, &commands);
+            }
+            vkDestroyFence(device.device_, fence, nullptr);
+        }
+    } release{*this, fence, commands};
     {
         std::lock_guard lock(oneShotMutex_);
         VkCommandBufferAllocateInfo allocateInfo{};
@@ -349,24 +375,13 @@ void Device::runNow(const std::function<void(VkCommandBuffer)>& record) {
         allocateInfo.commandPool = oneShotPool_;
         allocateInfo.level = VK_COMMAND_BUFFER_LEVEL_PRIMARY;
         allocateInfo.commandBufferCount = 1;
-        result = vkAllocateCommandBuffers(device_, &allocateInfo, &commands);
-        if (result != VK_SUCCESS) failed = "vkAllocateCommandBuffers";
-        if (result == VK_SUCCESS) {
-            VkCommandBufferBeginInfo begin{};
-            begin.sType = VK_STRUCTURE_TYPE_COMMAND_BUFFER_BEGIN_INFO;
-            begin.flags = VK_COMMAND_BUFFER_USAGE_ONE_TIME_SUBMIT_BIT;
-            vkBeginCommandBuffer(commands, &begin);
-            record(commands);
-            result = vkEndCommandBuffer(commands);
-        }
-    }
-    if (result != VK_SUCCESS) {
-        vkDestroyFence(device_, fence, nullptr);
-        if (commands != VK_NULL_HANDLE) {
-            std::lock_guard lock(oneShotMutex_);
-            vkFreeCommandBuffers(device_, oneShotPool_, 1, &commands);
-        }
-        check(result, failed);
+        checkCreated(vkAllocateCommandBuffers(device_, &allocateInfo, &commands), commands, "vkAllocateCommandBuffers");
+        VkCommandBufferBeginInfo begin{};
+        begin.sType = VK_STRUCTURE_TYPE_COMMAND_BUFFER_BEGIN_INFO;
+        begin.flags = VK_COMMAND_BUFFER_USAGE_ONE_TIME_SUBMIT_BIT;
+        check(vkBeginCommandBuffer(commands, &begin), "vkBeginCommandBuffer");
+        record(commands);
+        check(vkEndCommandBuffer(commands), "vkEndCommandBuffer");
     }
     VkCommandBufferSubmitInfo commandInfo{};
     commandInfo.sType = VK_STRUCTURE_TYPE_COMMAND_BUFFER_SUBMIT_INFO;
@@ -375,14 +390,8 @@ void Device::runNow(const std::function<void(VkCommandBuffer)>& record) {
     submitInfo.sType = VK_STRUCTURE_TYPE_SUBMIT_INFO_2;
     submitInfo.commandBufferInfoCount = 1;
     submitInfo.pCommandBufferInfos = &commandInfo;
-    result = submit(submitInfo, fence);
-    if (result == VK_SUCCESS) result = vkWaitForFences(device_, 1, &fence, VK_TRUE, UINT64_MAX);
-    vkDestroyFence(device_, fence, nullptr);
-    {
-        std::lock_guard lock(oneShotMutex_);
-        vkFreeCommandBuffers(device_, oneShotPool_, 1, &commands);
-    }
-    check(result, "GPU upload");
+    check(submit(submitInfo, fence), "vkQueueSubmit2");
+    check(vkWaitForFences(device_, 1, &fence, VK_TRUE, UINT64_MAX), "vkWaitForFences");
 }
 
 } // namespace brisvale::gpu

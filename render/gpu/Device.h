@@ -28,13 +28,13 @@ struct DeviceOptions {
 
 class Device {
 public:
-    // nullptr when there is no usable Vulkan 1.3 device.
+    // Throws Error when there is no usable Vulkan 1.3 device or it cannot be set up.
     static std::unique_ptr<Device> create(const DeviceOptions& options);
     ~Device();
     Device(const Device&) = delete;
     Device& operator=(const Device&) = delete;
 
-    // Validation messages seen so far (each is printed to stderr as it arrives).
+    // Validation messages seen so far (each is logged as it arrives).
     std::uint32_t validationMessageCount() const { return validationMessages_.load(); }
     bool validationEnabled() const { return messenger_ != VK_NULL_HANDLE; }
 
@@ -50,6 +50,14 @@ public:
     std::optional<std::uint32_t> findMemoryType(std::uint32_t typeBits, VkMemoryPropertyFlags required,
                                                 VkMemoryPropertyFlags preferred) const;
     bool isHostCoherent(std::uint32_t memoryType) const;
+    // Memory for `requirements` of such a type; the caller frees it. Throws Error when no type
+    // fits, the size is beyond one allocation, or the allocation fails.
+    struct Allocation {
+        VkDeviceMemory memory = VK_NULL_HANDLE;
+        std::uint32_t type = 0;
+    };
+    Allocation allocate(const VkMemoryRequirements& requirements, VkMemoryPropertyFlags required,
+                        VkMemoryPropertyFlags preferred) const;
     VkDeviceSize nonCoherentAtomSize() const { return properties_.limits.nonCoherentAtomSize; }
     // The largest single memory allocation the device promises to make.
     VkDeviceSize maxAllocationSize() const { return maxAllocationSize_; }
@@ -59,7 +67,8 @@ public:
     VkResult present(const VkPresentInfoKHR& info);
     void waitIdle();
 
-    // Records one-shot work (uploads, clears, readbacks), submits it and waits for it.
+    // Records one-shot work (uploads, clears, readbacks), submits it and waits for it. Throws
+    // Error when it cannot be recorded or the GPU does not finish it.
     void runNow(const std::function<void(VkCommandBuffer)>& record);
 
     CompletionThread& completions() { return *completions_; }

@@ -3,11 +3,11 @@
 #include "render/gpu/Buffer.h"
 #include "render/gpu/CommandBuffer.h"
 #include "render/gpu/Device.h"
+#include "render/gpu/Recording.h"
 #include "render/gpu/Sync.h"
 #include "render/gpu/Texture.h"
 
 #include <cstring>
-#include <stdexcept>
 #include <string>
 
 namespace brisvale::gpu {
@@ -44,7 +44,7 @@ void OffscreenSurface::applySize(std::uint32_t width, std::uint32_t height) {
     height = height == 0 ? 1 : height;
     const TextureLimits limits = textureLimits(device_, drawableDescription(kFormat, width, height));
     if (width > limits.maxWidth || height > limits.maxHeight)
-        throw std::runtime_error("Drawable size " + std::to_string(width) + " x " + std::to_string(height) +
+        throw Error("Drawable size " + std::to_string(width) + " x " + std::to_string(height) +
                                  " is too large: the device allows at most " + std::to_string(limits.maxWidth) +
                                  " x " + std::to_string(limits.maxHeight));
     width_ = width;
@@ -63,10 +63,13 @@ bool OffscreenSurface::nextDrawable(Drawable& drawable) {
     auto& image = images_[next_];
     if (!image || image->width() != width_ || image->height() != height_) {
         const TextureDescription description = drawableDescription(kFormat, width_, height_);
-        // The old image stays alive through the keep-alive of the frames that used it.
-        std::shared_ptr<Texture> created = Texture::create(device_, description);
-        if (!created) return false;
-        image = std::move(created);
+        // The old image stays alive through the keep-alive of the frames that used it. An image
+        // that cannot be made now is a frame without a drawable.
+        try {
+            image = Texture::create(device_, description);
+        } catch (const Error&) {
+            return false;
+        }
     }
     drawable = Drawable{};
     drawable.texture = image.get();
@@ -77,14 +80,10 @@ bool OffscreenSurface::nextDrawable(Drawable& drawable) {
 }
 
 void OffscreenSurface::encodePresent(CommandBuffer& commands, const Drawable& drawable) {
-    ImageTransition transition;
-    transition.srcStage = VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT;
-    transition.srcAccess = VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT;
-    transition.dstStage = VK_PIPELINE_STAGE_2_ALL_TRANSFER_BIT;
-    transition.dstAccess = VK_ACCESS_2_TRANSFER_READ_BIT;
-    transition.oldLayout = VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL;
-    transition.newLayout = VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL;
-    transitionTexture(commands.handle(), *drawable.texture, transition);
+    commands.imageBarrier(*drawable.texture, VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL,
+                          VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL, VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT,
+                          VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT, VK_PIPELINE_STAGE_2_ALL_TRANSFER_BIT,
+                          VK_ACCESS_2_TRANSFER_READ_BIT);
     if (!readbackEnabled_) return;
 
     // The slot is free (nextDrawable saw to it), so its buffer can be replaced or written.
@@ -94,18 +93,11 @@ void OffscreenSurface::encodePresent(CommandBuffer& commands, const Drawable& dr
     if (!slot.buffer || slot.buffer->size() != bytes) {
         slot.buffer.reset();
         slot.buffer = Buffer::create(device_, bytes, VK_BUFFER_USAGE_TRANSFER_DST_BIT, BufferMemory::HostReadback);
-        if (!slot.buffer) throw std::runtime_error("Failed to create readback buffer");
     }
     if (!slot.fence) slot.fence = std::make_unique<Fence>(device_);
     slot.width = image.width();
     slot.height = image.height();
-    VkBufferImageCopy region{};
-    region.imageSubresource = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 0, 1};
-    region.imageExtent = {image.width(), image.height(), 1};
-    vkCmdCopyImageToBuffer(commands.handle(), image.image(), VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL,
-                           slot.buffer->handle(), 1, &region);
-    memoryBarrier(commands.handle(), VK_PIPELINE_STAGE_2_COPY_BIT, VK_ACCESS_2_TRANSFER_WRITE_BIT,
-                  VK_PIPELINE_STAGE_2_HOST_BIT, VK_ACCESS_2_HOST_READ_BIT);
+    copyLayerToBuffer(commands.handle(), image, 0, *slot.buffer);
 }
 
 void OffscreenSurface::present(const Drawable& drawable) {
@@ -158,9 +150,9 @@ FramePixels OffscreenSurface::waitForFrame(std::uint64_t number) {
     {
         std::unique_lock lock(readbackMutex_);
         slot = slotHolding(number);
-        if (slot == nullptr) throw std::runtime_error("Frame " + std::to_string(number) + " is not in a readback buffer");
+        if (slot == nullptr) throw Error("Frame " + std::to_string(number) + " is not in a readback buffer");
         readbackChanged_.wait(lock, [slot] { return slot->completed; });
-        if (slot->failed) throw std::runtime_error("Failed to read back frame " + std::to_string(number));
+        if (slot->failed) throw Error("Failed to read back frame " + std::to_string(number));
     }
     slot->buffer->invalidate();
     return FramePixels{static_cast<const std::uint8_t*>(slot->buffer->data()), slot->width, slot->height,
@@ -191,18 +183,11 @@ std::vector<std::uint8_t> OffscreenSurface::readbackRGBA() {
     const Texture& image = *lastPresented_;
     const VkDeviceSize bytes = VkDeviceSize(image.width()) * image.height() * 4;
     auto readback = Buffer::create(device_, bytes, VK_BUFFER_USAGE_TRANSFER_DST_BIT, BufferMemory::HostReadback);
-    if (!readback) throw std::runtime_error("Failed to create readback buffer");
     device_.runNow([&](VkCommandBuffer commands) {
         // The presenting frame left the image in TRANSFER_SRC_OPTIMAL; wait for all of its work.
         memoryBarrier(commands, VK_PIPELINE_STAGE_2_ALL_COMMANDS_BIT, VK_ACCESS_2_MEMORY_WRITE_BIT,
                       VK_PIPELINE_STAGE_2_COPY_BIT, VK_ACCESS_2_TRANSFER_READ_BIT);
-        VkBufferImageCopy region{};
-        region.imageSubresource = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 0, 1};
-        region.imageExtent = {image.width(), image.height(), 1};
-        vkCmdCopyImageToBuffer(commands, image.image(), VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL, readback->handle(), 1,
-                               &region);
-        memoryBarrier(commands, VK_PIPELINE_STAGE_2_COPY_BIT, VK_ACCESS_2_TRANSFER_WRITE_BIT,
-                      VK_PIPELINE_STAGE_2_HOST_BIT, VK_ACCESS_2_HOST_READ_BIT);
+        copyLayerToBuffer(commands, image, 0, *readback);
     });
     readback->invalidate();
     std::vector<std::uint8_t> rgba(bytes);

@@ -31,7 +31,7 @@ struct FramePixels {
 
 class OffscreenSurface : public Surface {
 public:
-    // Both throw std::runtime_error (one line) for a size the device cannot make an image of.
+    // Both throw Error (one line) for a size the device cannot make an image of.
     OffscreenSurface(Device& device, std::uint32_t width, std::uint32_t height);
     ~OffscreenSurface() override;
 
@@ -60,7 +60,7 @@ public:
     // a frame, there is no drawable.
     void enableFrameReadback();
     // Blocks until frame `number` has completed on the GPU and the completion handlers of its
-    // frame have run. The pixels stay valid until releaseFrame(number). Throws std::runtime_error
+    // frame have run. The pixels stay valid until releaseFrame(number). Throws Error
     // when no buffer holds that frame or the GPU failed it.
     FramePixels waitForFrame(std::uint64_t number);
     // Frees frame `number`'s buffer for a later frame, once the GPU is done with it. Any thread.

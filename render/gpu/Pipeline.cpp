@@ -16,7 +16,7 @@ public:
         info.sType = VK_STRUCTURE_TYPE_SHADER_MODULE_CREATE_INFO;
         info.codeSize = code.size() * sizeof(std::uint32_t);
         info.pCode = code.data();
-        result_ = vkCreateShaderModule(device.handle(), &info, nullptr, &module_);
+        check(vkCreateShaderModule(device.handle(), &info, nullptr, &module_), "vkCreateShaderModule");
     }
     ~ShaderModule() {
         if (module_ != VK_NULL_HANDLE) vkDestroyShaderModule(device_.handle(), module_, nullptr);
@@ -24,12 +24,10 @@ public:
     ShaderModule(const ShaderModule&) = delete;
     ShaderModule& operator=(const ShaderModule&) = delete;
     VkShaderModule handle() const { return module_; }
-    VkResult result() const { return result_; }
 
 private:
     Device& device_;
     VkShaderModule module_ = VK_NULL_HANDLE;
-    VkResult result_ = VK_SUCCESS;
 };
 
 VkPipelineShaderStageCreateInfo stageInfo(VkShaderStageFlagBits stage, VkShaderModule module) {
@@ -60,9 +58,8 @@ std::unique_ptr<PipelineLayout> PipelineLayout::create(Device& device, const std
     setInfo.sType = VK_STRUCTURE_TYPE_DESCRIPTOR_SET_LAYOUT_CREATE_INFO;
     setInfo.bindingCount = static_cast<std::uint32_t>(setBindings.size());
     setInfo.pBindings = setBindings.data();
-    if (vkCreateDescriptorSetLayout(device.handle(), &setInfo, nullptr, &self->setLayout_) != VK_SUCCESS) {
-        return nullptr;
-    }
+    checkCreated(vkCreateDescriptorSetLayout(device.handle(), &setInfo, nullptr, &self->setLayout_), self->setLayout_,
+                 "vkCreateDescriptorSetLayout");
     VkPushConstantRange range{VK_SHADER_STAGE_ALL, 0, pushConstantBytes};
     VkPipelineLayoutCreateInfo layoutInfo{};
     layoutInfo.sType = VK_STRUCTURE_TYPE_PIPELINE_LAYOUT_CREATE_INFO;
@@ -70,9 +67,8 @@ std::unique_ptr<PipelineLayout> PipelineLayout::create(Device& device, const std
     layoutInfo.pSetLayouts = &self->setLayout_;
     layoutInfo.pushConstantRangeCount = pushConstantBytes > 0 ? 1 : 0;
     layoutInfo.pPushConstantRanges = &range;
-    if (vkCreatePipelineLayout(device.handle(), &layoutInfo, nullptr, &self->layout_) != VK_SUCCESS) {
-        return nullptr;
-    }
+    checkCreated(vkCreatePipelineLayout(device.handle(), &layoutInfo, nullptr, &self->layout_), self->layout_,
+                 "vkCreatePipelineLayout");
     return self;
 }
 
@@ -81,17 +77,10 @@ PipelineLayout::~PipelineLayout() {
     if (setLayout_ != VK_NULL_HANDLE) vkDestroyDescriptorSetLayout(device_.handle(), setLayout_, nullptr);
 }
 
-std::unique_ptr<RenderPipeline> RenderPipeline::create(Device& device, const RenderPipelineDescription& description,
-                                                       std::string* error) {
+std::unique_ptr<RenderPipeline> RenderPipeline::create(Device& device, const RenderPipelineDescription& description) {
     std::unique_ptr<RenderPipeline> self(new RenderPipeline(device));
-    ShaderModule vertex(device, *description.vertex);
-    ShaderModule fragment(device, *description.fragment);
-    for (const ShaderModule* module : {&vertex, &fragment}) {
-        if (module->result() != VK_SUCCESS) {
-            if (error) *error = std::string("vkCreateShaderModule: ") + resultName(module->result());
-            return nullptr;
-        }
-    }
+    const ShaderModule vertex(device, *description.vertex);
+    const ShaderModule fragment(device, *description.fragment);
     const std::array stages{stageInfo(VK_SHADER_STAGE_VERTEX_BIT, vertex.handle()),
                             stageInfo(VK_SHADER_STAGE_FRAGMENT_BIT, fragment.handle())};
 
@@ -169,14 +158,9 @@ std::unique_ptr<RenderPipeline> RenderPipeline::create(Device& device, const Ren
     info.pColorBlendState = &blend;
     info.pDynamicState = &dynamic;
     info.layout = description.layout->handle();
-    const VkResult result =
-        vkCreateGraphicsPipelines(device.handle(), description.cache ? description.cache->handle() : VK_NULL_HANDLE, 1,
-                                  &info, nullptr, &self->pipeline_);
-    if (result != VK_SUCCESS) {
-        if (error) *error = resultName(result);
-        self->pipeline_ = VK_NULL_HANDLE;
-        return nullptr;
-    }
+    const VkPipelineCache cache = description.cache ? description.cache->handle() : VK_NULL_HANDLE;
+    checkCreated(vkCreateGraphicsPipelines(device.handle(), cache, 1, &info, nullptr, &self->pipeline_),
+                 self->pipeline_, "vkCreateGraphicsPipelines");
     self->hasDepth_ = hasDepth;
     return self;
 }
@@ -187,25 +171,16 @@ RenderPipeline::~RenderPipeline() {
 
 std::unique_ptr<ComputePipeline> ComputePipeline::create(Device& device, const PipelineLayout& layout,
                                                          const std::vector<std::uint32_t>& compute,
-                                                         std::string* error, const PipelineCache* cache) {
+                                                         const PipelineCache* cache) {
     std::unique_ptr<ComputePipeline> self(new ComputePipeline(device));
-    ShaderModule module(device, compute);
-    if (module.result() != VK_SUCCESS) {
-        if (error) *error = std::string("vkCreateShaderModule: ") + resultName(module.result());
-        return nullptr;
-    }
+    const ShaderModule module(device, compute);
     VkComputePipelineCreateInfo info{};
     info.sType = VK_STRUCTURE_TYPE_COMPUTE_PIPELINE_CREATE_INFO;
     info.stage = stageInfo(VK_SHADER_STAGE_COMPUTE_BIT, module.handle());
     info.layout = layout.handle();
-    const VkResult result =
-        vkCreateComputePipelines(device.handle(), cache ? cache->handle() : VK_NULL_HANDLE, 1, &info, nullptr,
-                                 &self->pipeline_);
-    if (result != VK_SUCCESS) {
-        if (error) *error = resultName(result);
-        self->pipeline_ = VK_NULL_HANDLE;
-        return nullptr;
-    }
+    checkCreated(vkCreateComputePipelines(device.handle(), cache ? cache->handle() : VK_NULL_HANDLE, 1, &info, nullptr,
+                                          &self->pipeline_),
+                 self->pipeline_, "vkCreateComputePipelines");
     return self;
 }
 

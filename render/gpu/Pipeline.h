@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <string>
 #include <vector>
 
 namespace brisvale::gpu {
@@ -19,7 +18,8 @@ struct LayoutBinding {
     VkDescriptorType type = VK_DESCRIPTOR_TYPE_STORAGE_BUFFER;
 };
 
-// Descriptor set layout (set 0) + pipeline layout, visible to every stage.
+// Descriptor set layout (set 0) + pipeline layout, visible to every stage. Each kind of pipeline
+// object throws Error when it cannot be made.
 class PipelineLayout {
 public:
     static std::unique_ptr<PipelineLayout> create(Device& device, const std::vector<LayoutBinding>& bindings,
@@ -64,9 +64,7 @@ struct RenderPipelineDescription {
 
 class RenderPipeline {
 public:
-    // nullptr on failure, with the platform's reason in *error.
-    static std::unique_ptr<RenderPipeline> create(Device& device, const RenderPipelineDescription& description,
-                                                  std::string* error);
+    static std::unique_ptr<RenderPipeline> create(Device& device, const RenderPipelineDescription& description);
     ~RenderPipeline();
     RenderPipeline(const RenderPipeline&) = delete;
     RenderPipeline& operator=(const RenderPipeline&) = delete;
@@ -83,7 +81,7 @@ private:
 class ComputePipeline {
 public:
     static std::unique_ptr<ComputePipeline> create(Device& device, const PipelineLayout& layout,
-                                                   const std::vector<std::uint32_t>& compute, std::string* error,
+                                                   const std::vector<std::uint32_t>& compute,
                                                    const PipelineCache* cache = nullptr);
     ~ComputePipeline();
     ComputePipeline(const ComputePipeline&) = delete;

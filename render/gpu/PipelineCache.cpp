@@ -32,16 +32,16 @@ std::unique_ptr<PipelineCache> PipelineCache::create(Device& device, std::span<c
     info.sType = VK_STRUCTURE_TYPE_PIPELINE_CACHE_CREATE_INFO;
     info.initialDataSize = useSaved ? saved.size() : 0;
     info.pInitialData = useSaved ? saved.data() : nullptr;
-    if (vkCreatePipelineCache(device.handle(), &info, nullptr, &self->cache_) != VK_SUCCESS) {
-        self->cache_ = VK_NULL_HANDLE;
-        if (!useSaved) return nullptr;
-        // The driver refused the saved bytes after all: start empty.
-        info.initialDataSize = 0;
-        info.pInitialData = nullptr;
-        if (vkCreatePipelineCache(device.handle(), &info, nullptr, &self->cache_) != VK_SUCCESS) return nullptr;
+    if (vkCreatePipelineCache(device.handle(), &info, nullptr, &self->cache_) == VK_SUCCESS) {
+        self->startedFromSaved_ = useSaved;
         return self;
     }
-    self->startedFromSaved_ = useSaved;
+    // The driver refused the saved bytes after all: start empty.
+    self->cache_ = VK_NULL_HANDLE;
+    info.initialDataSize = 0;
+    info.pInitialData = nullptr;
+    checkCreated(vkCreatePipelineCache(device.handle(), &info, nullptr, &self->cache_), self->cache_,
+                 "vkCreatePipelineCache");
     return self;
 }
 

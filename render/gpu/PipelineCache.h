@@ -17,7 +17,7 @@ class Device;
 class PipelineCache {
 public:
     // Starts from `saved` only when its Vulkan header names this device and driver (vendor,
-    // device, cache UUID), else empty: other bytes never reach the driver. nullptr when the
+    // device, cache UUID), else empty: other bytes never reach the driver. Throws Error when the
     // driver cannot make a cache.
     static std::unique_ptr<PipelineCache> create(Device& device, std::span<const std::uint8_t> saved);
     ~PipelineCache();

@@ -15,7 +15,7 @@ std::unique_ptr<Sampler> Sampler::create(Device& device, VkFilter filter) {
     info.addressModeV = VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_EDGE;
     info.addressModeW = VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_EDGE;
     info.maxLod = 0.0f;
-    if (vkCreateSampler(device.handle(), &info, nullptr, &self->sampler_) != VK_SUCCESS) return nullptr;
+    checkCreated(vkCreateSampler(device.handle(), &info, nullptr, &self->sampler_), self->sampler_, "vkCreateSampler");
     return self;
 }
 

@@ -11,7 +11,7 @@ class Device;
 
 class Sampler {
 public:
-    static std::unique_ptr<Sampler> create(Device& device, VkFilter filter);
+    static std::unique_ptr<Sampler> create(Device& device, VkFilter filter);  // throws Error on failure
     ~Sampler();
     Sampler(const Sampler&) = delete;
     Sampler& operator=(const Sampler&) = delete;

@@ -8,7 +8,8 @@ namespace brisvale::gpu {
 
 class Device;
 
-// A binary semaphore for ordering work between submissions and presentation.
+// A binary semaphore for ordering work between submissions and presentation. Both constructors
+// throw Error when the object cannot be made.
 class Semaphore {
 public:
     explicit Semaphore(Device& device);
@@ -36,10 +37,5 @@ private:
     Device& device_;
     VkFence fence_ = VK_NULL_HANDLE;
 };
-
-// Records one global memory barrier: work in `srcStage` writing through `srcAccess` is made
-// visible to `dstStage` reading or writing through `dstAccess`.
-void memoryBarrier(VkCommandBuffer commands, VkPipelineStageFlags2 srcStage, VkAccessFlags2 srcAccess,
-                   VkPipelineStageFlags2 dstStage, VkAccessFlags2 dstAccess);
 
 } // namespace brisvale::gpu

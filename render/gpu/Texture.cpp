@@ -3,6 +3,7 @@
 #include "render/gpu/Device.h"
 
 #include <algorithm>
+#include <string>
 
 namespace brisvale::gpu {
 namespace {
@@ -48,7 +49,10 @@ std::unique_ptr<Texture> Texture::create(Device& device, const TextureDescriptio
     if (description.width == 0 || description.height == 0 || description.layers == 0 ||
         description.width > limits.maxWidth || description.height > limits.maxHeight ||
         description.layers > limits.maxLayers)
-        return nullptr;
+        throw Error("A texture of " + std::to_string(description.width) + " x " + std::to_string(description.height) +
+                    " with " + std::to_string(description.layers) + " layers is beyond the device (at most " +
+                    std::to_string(limits.maxWidth) + " x " + std::to_string(limits.maxHeight) + ", " +
+                    std::to_string(limits.maxLayers) + " layers)");
     std::unique_ptr<Texture> self(new Texture(device));
     self->description_ = description;
     VkImageCreateInfo info{};
@@ -63,28 +67,21 @@ std::unique_ptr<Texture> Texture::create(Device& device, const TextureDescriptio
     info.usage = description.usage;
     info.sharingMode = VK_SHARING_MODE_EXCLUSIVE;
     info.initialLayout = VK_IMAGE_LAYOUT_UNDEFINED;
-    if (vkCreateImage(device.handle(), &info, nullptr, &self->image_) != VK_SUCCESS) return nullptr;
+    checkCreated(vkCreateImage(device.handle(), &info, nullptr, &self->image_), self->image_, "vkCreateImage");
 
     VkMemoryRequirements requirements;
     vkGetImageMemoryRequirements(device.handle(), self->image_, &requirements);
-    if (requirements.size > device.maxAllocationSize()) return nullptr;
-    const auto type = device.findMemoryType(requirements.memoryTypeBits, 0, VK_MEMORY_PROPERTY_DEVICE_LOCAL_BIT);
-    if (!type) return nullptr;
-    VkMemoryAllocateInfo allocateInfo{};
-    allocateInfo.sType = VK_STRUCTURE_TYPE_MEMORY_ALLOCATE_INFO;
-    allocateInfo.allocationSize = requirements.size;
-    allocateInfo.memoryTypeIndex = *type;
-    if (vkAllocateMemory(device.handle(), &allocateInfo, nullptr, &self->memory_) != VK_SUCCESS) return nullptr;
-    if (vkBindImageMemory(device.handle(), self->image_, self->memory_, 0) != VK_SUCCESS) return nullptr;
+    self->memory_ = device.allocate(requirements, 0, VK_MEMORY_PROPERTY_DEVICE_LOCAL_BIT).memory;
+    check(vkBindImageMemory(device.handle(), self->image_, self->memory_, 0), "vkBindImageMemory");
 
     VkImageViewCreateInfo viewInfo{};
-
     viewInfo.sType = VK_STRUCTURE_TYPE_IMAGE_VIEW_CREATE_INFO;
     viewInfo.image = self->image_;
     viewInfo.viewType = description.array ? VK_IMAGE_VIEW_TYPE_2D_ARRAY : VK_IMAGE_VIEW_TYPE_2D;
     viewInfo.format = description.format;
     viewInfo.subresourceRange = {self->aspect(), 0, 1, 0, description.layers};
-    if (vkCreateImageView(device.handle(), &viewInfo, nullptr, &self->view_) != VK_SUCCESS) return nullptr;
+    checkCreated(vkCreateImageView(device.handle(), &viewInfo, nullptr, &self->view_), self->view_,
+                 "vkCreateImageView");
     return self;
 }
 
@@ -96,27 +93,6 @@ Texture::~Texture() {
 
 VkImageAspectFlags Texture::aspect() const {
     return isDepthFormat(description_.format) ? VK_IMAGE_ASPECT_DEPTH_BIT : VK_IMAGE_ASPECT_COLOR_BIT;
-}
-
-void transitionImage(VkCommandBuffer commands, VkImage image, VkImageAspectFlags aspect,
-                     const ImageTransition& transition, std::uint32_t baseLayer, std::uint32_t layerCount) {
-    VkImageMemoryBarrier2 barrier{};
-    barrier.sType = VK_STRUCTURE_TYPE_IMAGE_MEMORY_BARRIER_2;
-    barrier.srcStageMask = transition.srcStage;
-    barrier.srcAccessMask = transition.srcAccess;
-    barrier.dstStageMask = transition.dstStage;
-    barrier.dstAccessMask = transition.dstAccess;
-    barrier.oldLayout = transition.oldLayout;
-    barrier.newLayout = transition.newLayout;
-    barrier.srcQueueFamilyIndex = VK_QUEUE_FAMILY_IGNORED;
-    barrier.dstQueueFamilyIndex = VK_QUEUE_FAMILY_IGNORED;
-    barrier.image = image;
-    barrier.subresourceRange = {aspect, 0, 1, baseLayer, layerCount};
-    VkDependencyInfo dependency{};
-    dependency.sType = VK_STRUCTURE_TYPE_DEPENDENCY_INFO;
-    dependency.imageMemoryBarrierCount = 1;
-    dependency.pImageMemoryBarriers = &barrier;
-    vkCmdPipelineBarrier2(commands, &dependency);
 }
 
 } // namespace brisvale::gpu

@@ -33,8 +33,8 @@ TextureLimits textureLimits(const Device& device, const TextureDescription& desc
 
 class Texture {
 public:
-    // nullptr when the description is beyond textureLimits (nothing then reaches the driver), or
-    // when the image, its memory or its view cannot be made.
+    // Throws Error when the description is beyond textureLimits (nothing then reaches the
+    // driver), or when the image, its memory or its view cannot be made.
     static std::unique_ptr<Texture> create(Device& device, const TextureDescription& description);
     ~Texture();
     Texture(const Texture&) = delete;
@@ -59,21 +59,5 @@ private:
 };
 
 bool isDepthFormat(VkFormat format);
-
-// One image layout transition with its synchronisation (synchronization2).
-struct ImageTransition {
-    VkPipelineStageFlags2 srcStage = VK_PIPELINE_STAGE_2_NONE;
-    VkAccessFlags2 srcAccess = VK_ACCESS_2_NONE;
-    VkPipelineStageFlags2 dstStage = VK_PIPELINE_STAGE_2_NONE;
-    VkAccessFlags2 dstAccess = VK_ACCESS_2_NONE;
-    VkImageLayout oldLayout = VK_IMAGE_LAYOUT_UNDEFINED;
-    VkImageLayout newLayout = VK_IMAGE_LAYOUT_UNDEFINED;
-};
-void transitionImage(VkCommandBuffer commands, VkImage image, VkImageAspectFlags aspect,
-                     const ImageTransition& transition, std::uint32_t baseLayer = 0,
-                     std::uint32_t layerCount = VK_REMAINING_ARRAY_LAYERS);
-inline void transitionTexture(VkCommandBuffer commands, const Texture& texture, const ImageTransition& transition) {
-    transitionImage(commands, texture.image(), texture.aspect(), transition);
-}
 
 } // namespace brisvale::gpu

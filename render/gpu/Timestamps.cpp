@@ -23,10 +23,7 @@ std::unique_ptr<TimestampQueries> TimestampQueries::create(Device& device, std::
     info.sType = VK_STRUCTURE_TYPE_QUERY_POOL_CREATE_INFO;
     info.queryType = VK_QUERY_TYPE_TIMESTAMP;
     info.queryCount = 2 * pairs;
-    if (vkCreateQueryPool(device.handle(), &info, nullptr, &self->pool_) != VK_SUCCESS) {
-        self->pool_ = VK_NULL_HANDLE;
-        return nullptr;
-    }
+    checkCreated(vkCreateQueryPool(device.handle(), &info, nullptr, &self->pool_), self->pool_, "vkCreateQueryPool");
     return self;
 }
 

@@ -14,7 +14,8 @@ class Device;
 
 class TimestampQueries {
 public:
-    // nullptr when the device's queue writes no timestamps (or the pool cannot be made).
+    // nullptr when the device's queue writes no timestamps: the device has none to give, which is
+    // no failure. Throws Error when the query pool cannot be made.
     static std::unique_ptr<TimestampQueries> create(Device& device, std::uint32_t pairs);
     ~TimestampQueries();
     TimestampQueries(const TimestampQueries&) = delete;

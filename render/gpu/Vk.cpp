@@ -1,6 +1,6 @@
 #include "render/gpu/Vk.h"
 
-#include <stdexcept>
+#include <string>
 
 namespace brisvale::gpu {
 
@@ -34,10 +34,8 @@ const char* resultName(VkResult result) {
     }
 }
 
-void check(VkResult result, const char* what) {
-    if (result != VK_SUCCESS) {
-        throw std::runtime_error(std::string(what) + ": " + resultName(result));
-    }
+void check(VkResult result, const char* call) {
+    if (result != VK_SUCCESS) throw Error(std::string(call) + " failed: " + resultName(result));
 }
 
 } // namespace brisvale::gpu

@@ -12,8 +12,10 @@
 
 #include "render/gpu/WindowSurface.h"
 
+#include "render/RenderLog.h"
 #include "render/gpu/CommandBuffer.h"
 #include "render/gpu/Device.h"
+#include "render/gpu/Recording.h"
 #include "render/gpu/Sync.h"
 #include "render/gpu/Texture.h"
 
@@ -21,8 +23,6 @@
 #include <SDL2/SDL_vulkan.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -67,6 +67,7 @@ public:
 private:
     bool windowExtentChanged() const;
     bool recreateSwapchain();
+    std::unique_ptr<CommandBuffer> giveBackCommands();
     void destroySwapchain();
     void blitOntoImage(VkCommandBuffer cmd, const Texture* source, VkImage image) const;
     void queuePresent(const Drawable& drawable);
@@ -115,6 +116,15 @@ void WindowSurface::destroySwapchain() {
     }
 }
 
+// Null where it cannot be made: such an image is given back by a rebuild instead.
+std::unique_ptr<CommandBuffer> WindowSurface::giveBackCommands() {
+    try {
+        return CommandBuffer::create(device_);
+    } catch (const Error&) {
+        return nullptr;
+    }
+}
+
 bool WindowSurface::recreateSwapchain() {
     device_.waitIdle();  // nothing may still use the old images or their semaphores
     VkSurfaceCapabilitiesKHR caps;
@@ -160,7 +170,7 @@ bool WindowSurface::recreateSwapchain() {
     const VkResult result = vkCreateSwapchainKHR(device_.handle(), &info, nullptr, &created);
     destroySwapchain();
     if (result != VK_SUCCESS) {
-        std::fprintf(stderr, "vkCreateSwapchainKHR failed: %s\n", resultName(result));
+        renderLog(RenderLogItem::SwapchainNotRecreated, resultName(result));
         return false;
     }
     swapchain_ = created;
@@ -174,7 +184,7 @@ bool WindowSurface::recreateSwapchain() {
     for (std::uint32_t i = 0; i < count; ++i) {
         acquired_.push_back(std::make_unique<Semaphore>(device_));
         renderFinished_.push_back(std::make_unique<Semaphore>(device_));
-        giveBack_.push_back(CommandBuffer::create(device_));  // null: given back by a rebuild instead
+        giveBack_.push_back(giveBackCommands());
     }
     outOfDate_ = false;
     return true;
@@ -214,9 +224,13 @@ bool WindowSurface::nextDrawable(Drawable& drawable) {
         description.height = drawableHeight_;
         description.usage = VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT | VK_IMAGE_USAGE_TRANSFER_SRC_BIT |
                             VK_IMAGE_USAGE_TRANSFER_DST_BIT | VK_IMAGE_USAGE_SAMPLED_BIT;
-        std::shared_ptr<Texture> created = Texture::create(device_, description);
-        if (!created) return false;
-        target = std::move(created);  // frames in flight keep the old one alive
+        // Frames in flight keep the old one alive. A target that cannot be made now is a frame
+        // without a drawable.
+        try {
+            target = Texture::create(device_, description);
+        } catch (const Error&) {
+            return false;
+        }
     }
     drawable = Drawable{};
     drawable.texture = target.get();
@@ -233,14 +247,10 @@ bool WindowSurface::nextDrawable(Drawable& drawable) {
 // ---------------------------------------------------------------------------------------------
 
 void WindowSurface::encodePresent(CommandBuffer& commands, const Drawable& drawable) {
-    ImageTransition toSource;
-    toSource.srcStage = VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT;
-    toSource.srcAccess = VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT;
-    toSource.dstStage = VK_PIPELINE_STAGE_2_BLIT_BIT;
-    toSource.dstAccess = VK_ACCESS_2_TRANSFER_READ_BIT;
-    toSource.oldLayout = VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL;
-    toSource.newLayout = VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL;
-    transitionTexture(commands.handle(), *drawable.texture, toSource);
+    commands.imageBarrier(*drawable.texture, VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL,
+                          VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL, VK_PIPELINE_STAGE_2_COLOR_ATTACHMENT_OUTPUT_BIT,
+                          VK_ACCESS_2_COLOR_ATTACHMENT_WRITE_BIT, VK_PIPELINE_STAGE_2_BLIT_BIT,
+                          VK_ACCESS_2_TRANSFER_READ_BIT);
     blitOntoImage(commands.handle(), drawable.texture, images_[drawable.index]);
     pictures_[drawable.index] = targets_[drawable.index];
 }
@@ -257,13 +267,9 @@ void WindowSurface::encodePresentScaled(CommandBuffer& commands, const Drawable&
 // ready to present; with no source the image is cleared to black.
 void WindowSurface::blitOntoImage(VkCommandBuffer cmd, const Texture* source, VkImage image) const {
     // Chained to the acquisition semaphore, which the submission waits on at the transfer stage.
-    ImageTransition toDestination;
-    toDestination.srcStage = VK_PIPELINE_STAGE_2_ALL_TRANSFER_BIT;
-    toDestination.dstStage = VK_PIPELINE_STAGE_2_ALL_TRANSFER_BIT;
-    toDestination.dstAccess = VK_ACCESS_2_TRANSFER_WRITE_BIT;
-    toDestination.oldLayout = VK_IMAGE_LAYOUT_UNDEFINED;
-    toDestination.newLayout = VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL;
-    transitionImage(cmd, image, VK_IMAGE_ASPECT_COLOR_BIT, toDestination);
+    imageBarrier(cmd, image, VK_IMAGE_ASPECT_COLOR_BIT, VK_IMAGE_LAYOUT_UNDEFINED, VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL,
+                 VK_PIPELINE_STAGE_2_ALL_TRANSFER_BIT, VK_ACCESS_2_NONE, VK_PIPELINE_STAGE_2_ALL_TRANSFER_BIT,
+                 VK_ACCESS_2_TRANSFER_WRITE_BIT);
 
     if (source != nullptr) {
         VkImageBlit region{};
@@ -280,12 +286,9 @@ void WindowSurface::blitOntoImage(VkCommandBuffer cmd, const Texture* source, Vk
         vkCmdClearColorImage(cmd, image, VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL, &black, 1, &range);
     }
 
-    ImageTransition toPresent;
-    toPresent.srcStage = VK_PIPELINE_STAGE_2_ALL_TRANSFER_BIT;
-    toPresent.srcAccess = VK_ACCESS_2_TRANSFER_WRITE_BIT;
-    toPresent.oldLayout = VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL;
-    toPresent.newLayout = VK_IMAGE_LAYOUT_PRESENT_SRC_KHR;
-    transitionImage(cmd, image, VK_IMAGE_ASPECT_COLOR_BIT, toPresent);
+    imageBarrier(cmd, image, VK_IMAGE_ASPECT_COLOR_BIT, VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL,
+                 VK_IMAGE_LAYOUT_PRESENT_SRC_KHR, VK_PIPELINE_STAGE_2_ALL_TRANSFER_BIT, VK_ACCESS_2_TRANSFER_WRITE_BIT,
+                 VK_PIPELINE_STAGE_2_NONE, VK_ACCESS_2_NONE);
 }
 
 void WindowSurface::present(const Drawable& drawable) {
@@ -308,7 +311,7 @@ void WindowSurface::giveBack(const Drawable& drawable) {
             blitOntoImage(commands->handle(), lastPicture_.get(), images_[drawable.index]);
             commands->end();
             submitted = commands->submit(SubmitSync{drawable.wait, drawable.waitStage, drawable.signal}) == VK_SUCCESS;
-        } catch (const std::runtime_error&) {
+        } catch (const Error&) {
             submitted = false;
         }
     }
@@ -339,11 +342,11 @@ void WindowSurface::queuePresent(const Drawable& drawable) {
 std::unique_ptr<Surface> createWindowSurface(Device& device, SDL_Window* window) {
     if (window == nullptr) return nullptr;
     if (!device.supportsSwapchain()) {
-        throw std::runtime_error("Vulkan device was created without window support");
+        throw Error("Vulkan device was created without window support");
     }
     VkSurfaceKHR surface = VK_NULL_HANDLE;
     if (SDL_Vulkan_CreateSurface(window, device.instance(), &surface) != SDL_TRUE) {
-        throw std::runtime_error(std::string("SDL_Vulkan_CreateSurface: ") + SDL_GetError());
+        throw Error(std::string("SDL_Vulkan_CreateSurface failed: ") + SDL_GetError());
     }
     VkBool32 supported = VK_FALSE;
     vkGetPhysicalDeviceSurfaceSupportKHR(device.physicalDevice(), device.queueFamily(), surface, &supported);
@@ -353,7 +356,7 @@ std::unique_ptr<Surface> createWindowSurface(Device& device, SDL_Window* window)
     vkGetPhysicalDeviceSurfaceFormatsKHR(device.physicalDevice(), surface, &count, formats.data());
     if (!supported || formats.empty()) {
         vkDestroySurfaceKHR(device.instance(), surface, nullptr);
-        throw std::runtime_error("The window's Vulkan surface cannot be presented to");
+        throw Error("The window's Vulkan surface cannot be presented to");
     }
     VkSurfaceFormatKHR chosen = formats.front();
     bool found = false;

@@ -1,5 +1,9 @@
 // The show clock, and author mode's time control built on it (ShowTransport) driven against a
 // music transport that answers as the audio library does.
+//
+// [SECTION] The show clock
+// [SECTION] Author mode's time control
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -13,6 +17,10 @@
 
 namespace brisvale {
 namespace {
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] The show clock
+// ---------------------------------------------------------------------------------------------
 
 TEST(AppClock, AClockStartedLaterReadsItsStartTimeAtOnce) {
     App app(142.5);
@@ -47,7 +55,8 @@ TEST(AppClock, EndTimeIsTwoSinglePrecisionAdditions) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Author mode's time control
+// [SECTION] Author mode's time control
+// ---------------------------------------------------------------------------------------------
 
 // The audio player's transport as the library answers it: positions fall on the sample grid
 // (a coarse one here, so that the music's answer differs from the time asked for), a seek

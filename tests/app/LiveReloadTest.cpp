@@ -1,6 +1,12 @@
 // Author mode's live-reload decisions: when a burst of file events is over, which files changed
 // between two readings of a show, what of the running show that calls for, and errors that name
 // the author's files as they lie on disk.
+//
+// [SECTION] Bursts
+// [SECTION] Changed files
+// [SECTION] What a change calls for
+// [SECTION] Messages
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -17,7 +23,8 @@ using namespace std::chrono_literals;
 using Files = std::vector<std::string>;
 
 // ---------------------------------------------------------------------------------------------
-// Bursts
+// [SECTION] Bursts
+// ---------------------------------------------------------------------------------------------
 
 TEST(ChangeBurst, EventsCloseTogetherAreOneChangeOverAfterTheQuiet) {
     const auto t0 = ChangeBurst::Clock::now();
@@ -49,7 +56,8 @@ TEST(ChangeBurst, AFileWrittenWithoutPauseIsStillPickedUp) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Changed files
+// [SECTION] Changed files
+// ---------------------------------------------------------------------------------------------
 
 std::shared_ptr<DemoArchive> showOf(const std::vector<std::pair<std::string, std::string>>& files) {
     std::vector<ArchiveFile> archive;
@@ -69,7 +77,8 @@ TEST(ChangedFiles, AddedRemovedAndRewrittenFilesInPathOrder) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// What a change calls for
+// [SECTION] What a change calls for
+// ---------------------------------------------------------------------------------------------
 
 ShowFiles runningShow() {
     ShowFiles files;
@@ -126,7 +135,8 @@ TEST(PlanReload, FilesAreNamedFewAtATime) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Messages
+// [SECTION] Messages
+// ---------------------------------------------------------------------------------------------
 
 TEST(FilesOnDisk, LocationsOfShowFilesNameThemUnderTheDirectory) {
     const auto isShowFile = [](std::string_view path) {

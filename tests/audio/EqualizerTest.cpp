@@ -1,5 +1,10 @@
 // The equaliser's design and filtering against a double-precision reference, the band and
 // gain rules, the clamp, the untouched channels and the tap's ring.
+//
+// [SECTION] The rig and the reference
+// [SECTION] Design and settings
+// [SECTION] Filtering
+// [SECTION] The sample tap
 
 #include <gtest/gtest.h>
 
@@ -17,6 +22,10 @@
 
 namespace pelora::gamedev::core {
 namespace {
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] The rig and the reference
+// ---------------------------------------------------------------------------------------------
 
 // A player record as create makes it (ring, mutex, flat coefficients), without an output queue:
 // the processing and the equaliser settings never touch the queue.
@@ -63,6 +72,10 @@ DoubleBiquad referenceDesign(double gainDb, double centerHz, double fs, bool lim
 
 const std::array<float, 10> kGains = {-12.0f, -6.5f, 0.0f, 3.0f, 12.0f, 1.25f, -0.75f, 9.0f, -3.0f, 6.0f};
 
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Design and settings
+// ---------------------------------------------------------------------------------------------
+
 TEST(EqualizerDesign, TheTopBandFollowsTheRateAndNoRateChangesNothing) {
     Rig rig(32000.0, 2, true);
     float gains[10] = {};
@@ -108,6 +121,10 @@ TEST(EqualizerSettings, GainsAreClampedCountedAndResetTheFilters) {
     EXPECT_EQ(audio_player_set_equalizer(rig.p(), three, 3), -1);
     EXPECT_EQ(rig.p()->eq_gains_db[0], 0.0f) << "nothing changes on refusal";
 }
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Filtering
+// ---------------------------------------------------------------------------------------------
 
 std::vector<int16_t> randomS16(size_t n, unsigned seed) {
     std::mt19937 rng(seed);
@@ -238,6 +255,10 @@ TEST(EqualizerFiltering, ChannelsFromTheNinthOnPassUntouched) {
     }
     EXPECT_EQ(last, sum / 10.0f);
 }
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] The sample tap
+// ---------------------------------------------------------------------------------------------
 
 TEST(SampleTap, RingKeepsTheNewestMonoSamplesOldestFirst) {
     Rig rig(48000.0, 2, false);

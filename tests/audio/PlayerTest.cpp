@@ -1,6 +1,9 @@
 // The player on SDL's disk driver: every transition of the state table, the position, seek
 // clamping, volume, the end of the song, and what reaches the output (read back from the file
 // the disk driver writes).
+//
+// [SECTION] Transport
+// [SECTION] Output
 
 #include <gtest/gtest.h>
 
@@ -95,6 +98,10 @@ protected:
     audio_song song_{};
     audio_player* player_ = nullptr;
 };
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Transport
+// ---------------------------------------------------------------------------------------------
 
 TEST_F(PlayerTest, CreateStartTwiceAndTheNullCases) {
     EXPECT_EQ(audio_player_create(nullptr), nullptr);
@@ -282,6 +289,8 @@ TEST_F(PlayerTest, VolumeIsCheckedAndTheDurationFollowsTheSong) {
     EXPECT_EQ(player_->buffers[0]->capacityBytes, 2048u * 4u) << "float mono";
 }
 
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Output
 // ---------------------------------------------------------------------------------------------
 // What reaches the device, from the file the disk driver writes.
 

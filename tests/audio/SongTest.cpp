@@ -1,6 +1,10 @@
 // Songs from real encoded files: formats, channel counts and rates, both load paths, exact
 // lossless samples, lengths equal to the frames decoded, sample-exact decoder seeks, tags and
 // covers, the memory block's ownership, and the failure paths.
+//
+// [SECTION] Formats, loads and seeks
+// [SECTION] Tags and covers
+// [SECTION] The memory block, the read callbacks and the failure paths
 
 #include <gtest/gtest.h>
 
@@ -23,6 +27,10 @@ namespace {
 
 using brisvale::test::EncodeRequest;
 using brisvale::test::TempDir;
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Formats, loads and seeks
+// ---------------------------------------------------------------------------------------------
 
 struct FormatCase {
     const char* name;
@@ -282,7 +290,8 @@ INSTANTIATE_TEST_SUITE_P(Formats, SongFormatTest, ::testing::ValuesIn(kFormats),
                          [](const ::testing::TestParamInfo<FormatCase>& info) { return std::string(info.param.name); });
 
 // ---------------------------------------------------------------------------------------------
-// Tags and covers
+// [SECTION] Tags and covers
+// ---------------------------------------------------------------------------------------------
 
 TEST(SongTags, TagsAndCoverComeFromTheContainer) {
     const struct {
@@ -379,7 +388,8 @@ TEST(SongTags, ATagFillingTheBufferComesOutEmptyAndTheFirstArtworkKeyWins) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// The memory block, the read callbacks and the failure paths
+// [SECTION] The memory block, the read callbacks and the failure paths
+// ---------------------------------------------------------------------------------------------
 
 TEST(SongMemory, ReadProcServesTheBlockAndEmptyReadsOutsideIt) {
     audio_song song{};

@@ -1,3 +1,11 @@
+// DemoArchive: loading containers and show directories (header, directory, limits, every
+// refusal with its message) and opening stored and gzip-compressed files.
+//
+// [SECTION] Load: file and header
+// [SECTION] Load: directory
+// [SECTION] Open: stored files
+// [SECTION] Open: gzip files
+
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
@@ -40,7 +48,9 @@ std::vector<std::uint8_t> oneGzipRecord(const std::vector<std::uint8_t>& gzip,
     return raw.bytes();
 }
 
-// [load: file and header] ------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Load: file and header
+// ---------------------------------------------------------------------------------------------
 
 TEST(DemoArchiveLoad, FileErrorsNameThePathAsPassed) {
     TempDir dir;
@@ -107,7 +117,9 @@ TEST(DemoArchiveLoad, OnlyVersionsOneAndTwoAreSupported) {
     }
 }
 
-// [load: directory] ------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Load: directory
+// ---------------------------------------------------------------------------------------------
 
 TEST(DemoArchiveLoad, TruncatedDirectoryFieldsAreCorrupt) {
     TempDir dir;
@@ -208,7 +220,9 @@ TEST(DemoArchiveLoad, NamesAreNormalisedAndCaseSensitive) {
     EXPECT_EQ(errorOf([&] { archive->open("a\\b.txt"); }), "Missing file in demo archive: a/b.txt");
 }
 
-// [open: stored files] ---------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Open: stored files
+// ---------------------------------------------------------------------------------------------
 
 TEST(DemoArchiveOpen, StoredFilesAreViewsWithoutCopies) {
     TempDir dir;
@@ -245,7 +259,9 @@ TEST(DemoArchiveOpen, VersionOneIgnoresWhatLooksLikeGzip) {
     EXPECT_EQ(archive->readCopy("g"), gzip);
 }
 
-// [open: gzip files] -----------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Open: gzip files
+// ---------------------------------------------------------------------------------------------
 
 TEST(DemoArchiveOpen, GzipFilesInflateOnceAndKeepTheirAddress) {
     TempDir dir;

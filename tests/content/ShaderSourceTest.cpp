@@ -1,3 +1,9 @@
+// Expanding include lines in shader source from the archive (paths, recursion, limits, line
+// ends) and the line map that leads compiler messages back to the show's own files.
+//
+// [SECTION] Expansion
+// [SECTION] Line map
+
 #include <gtest/gtest.h>
 
 #include "ContentTestSupport.h"
@@ -33,6 +39,10 @@ protected:
     TempDir dir_;
     std::shared_ptr<DemoArchive> archive_;
 };
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Expansion
+// ---------------------------------------------------------------------------------------------
 
 TEST_F(ShaderSourceTest, LineEndsBecomeLineFeeds) {
     files({{"a.glsl", "one\r\ntwo\rthree\n\nfour\xC2\x85" "five\xE2\x80\xA8six\xE2\x80\xA9seven"},
@@ -178,7 +188,9 @@ TEST_F(ShaderSourceTest, MissingFilesAndBadTextNameTheCanonicalPath) {
     EXPECT_EQ(expand("bom.glsl"), "kept\n\n");
 }
 
-// [line map] -------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Line map
+// ---------------------------------------------------------------------------------------------
 
 std::vector<std::string> originsOf(const ExpandedShaderSource& source) {
     std::vector<std::string> out;

@@ -1,6 +1,13 @@
 // brisvale-capture run as a program on lavapipe: PNG files of the right size and content, video
 // files read back with libavformat (frames against the PNG capture, music against the song),
 // Ctrl+C, and one clear line with a non-zero exit on errors.
+//
+// [SECTION] Running the tool
+// [SECTION] A video file read back with libavformat
+// [SECTION] Shows to capture
+// [SECTION] PNG captures
+// [SECTION] Refusals
+// [SECTION] Videos
 
 #include "RenderTestSupport.h"
 #include "content/AtomicFile.h"
@@ -9,11 +16,7 @@
 #define STB_IMAGE_IMPLEMENTATION
 #include <stb/stb_image.h>
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavformat/avformat.h>
-#include <libswresample/swresample.h>
-}
+#include "audio/platform/FfmpegHandles.h"
 
 #include <algorithm>
 #include <array>
@@ -26,6 +29,12 @@ extern "C" {
 
 namespace brisvale::testing {
 namespace {
+
+namespace ffmpeg = pelora::gamedev::core::ffmpeg;
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Running the tool
+// ---------------------------------------------------------------------------------------------
 
 struct RunResult {
     int status = -1;
@@ -66,7 +75,9 @@ RunningCapture startCapture(const std::string& arguments) {
     return {pid, fdopen(pipeEnds[0], "r")};
 }
 
-// ---- A video file read back with libavformat ----
+// ---------------------------------------------------------------------------------------------
+// [SECTION] A video file read back with libavformat
+// ---------------------------------------------------------------------------------------------
 
 struct DecodedVideo {
     std::string videoCodec, audioCodec;
@@ -81,21 +92,22 @@ struct DecodedVideo {
 // Every frame and sample of `path`, the picture of frame `keep`, the music resampled to `rate`.
 DecodedVideo decodeVideo(const std::string& path, int keep, int rate) {
     DecodedVideo out;
-    AVFormatContext* format = nullptr;
-    if (avformat_open_input(&format, path.c_str(), nullptr, nullptr) < 0) return out;
-    avformat_find_stream_info(format, nullptr);
+    AVFormatContext* opened = nullptr;
+    if (avformat_open_input(&opened, path.c_str(), nullptr, nullptr) < 0) return out;
+    const ffmpeg::InputFormat format(opened);
+    avformat_find_stream_info(format.get(), nullptr);
     struct Stream {
-        AVCodecContext* codec = nullptr;
+        ffmpeg::CodecContext codec;
         int index = -1;
     } video, audio;
     for (unsigned i = 0; i < format->nb_streams; ++i) {
         const AVCodecParameters* p = format->streams[i]->codecpar;
         Stream& s = p->codec_type == AVMEDIA_TYPE_VIDEO ? video : audio;
         s.index = static_cast<int>(i);
-        s.codec = avcodec_alloc_context3(avcodec_find_decoder(p->codec_id));
-        avcodec_parameters_to_context(s.codec, p);
+        s.codec.reset(avcodec_alloc_context3(avcodec_find_decoder(p->codec_id)));
+        avcodec_parameters_to_context(s.codec.get(), p);
         s.codec->pkt_timebase = format->streams[i]->time_base;
-        avcodec_open2(s.codec, s.codec->codec, nullptr);
+        avcodec_open2(s.codec.get(), s.codec->codec, nullptr);
         (p->codec_type == AVMEDIA_TYPE_VIDEO ? out.videoCodec : out.audioCodec) = avcodec_get_name(p->codec_id);
         if (p->codec_type == AVMEDIA_TYPE_VIDEO) {
             out.primaries = p->color_primaries;
@@ -103,17 +115,19 @@ DecodedVideo decodeVideo(const std::string& path, int keep, int rate) {
             out.range = p->color_range;
         }
     }
-    SwrContext* swr = nullptr;
+    ffmpeg::Resampler swr;
     if (audio.codec != nullptr) {
         AVChannelLayout stereo = AV_CHANNEL_LAYOUT_STEREO;
-        swr_alloc_set_opts2(&swr, &stereo, AV_SAMPLE_FMT_FLT, rate, &audio.codec->ch_layout, audio.codec->sample_fmt,
+        SwrContext* made = nullptr;
+        swr_alloc_set_opts2(&made, &stereo, AV_SAMPLE_FMT_FLT, rate, &audio.codec->ch_layout, audio.codec->sample_fmt,
                             audio.codec->sample_rate, 0, nullptr);
-        swr_init(swr);
+        swr.reset(made);
+        swr_init(swr.get());
     }
-    AVPacket* packet = av_packet_alloc();
-    AVFrame* frame = av_frame_alloc();
+    const ffmpeg::Packet packet(av_packet_alloc());
+    const ffmpeg::Frame frame(av_frame_alloc());
     auto collect = [&](Stream& s) {
-        while (avcodec_receive_frame(s.codec, frame) == 0) {
+        while (avcodec_receive_frame(s.codec.get(), frame.get()) == 0) {
             if (&s == &video && out.frames++ == keep) {
                 for (int y = 0; y < frame->height; ++y) {
                     for (int x = 0; x < frame->width; ++x) {
@@ -127,29 +141,25 @@ DecodedVideo decodeVideo(const std::string& path, int keep, int rate) {
                     }
                 }
             } else if (&s == &audio) {
-                std::vector<float> chunk(static_cast<std::size_t>(swr_get_out_samples(swr, frame->nb_samples)) * 2);
+                const int room = swr_get_out_samples(swr.get(), frame->nb_samples);
+                std::vector<float> chunk(static_cast<std::size_t>(room) * 2);
                 auto* data = reinterpret_cast<std::uint8_t*>(chunk.data());
-                const int n = swr_convert(swr, &data, static_cast<int>(chunk.size() / 2),
+                const int n = swr_convert(swr.get(), &data, static_cast<int>(chunk.size() / 2),
                                           const_cast<const std::uint8_t**>(frame->extended_data), frame->nb_samples);
                 out.music.insert(out.music.end(), chunk.begin(), chunk.begin() + 2 * std::max(n, 0));
             }
         }
     };
-    while (av_read_frame(format, packet) >= 0) {
+    while (av_read_frame(format.get(), packet.get()) >= 0) {
         Stream& s = packet->stream_index == video.index ? video : audio;
-        if (s.codec != nullptr && avcodec_send_packet(s.codec, packet) >= 0) collect(s);
-        av_packet_unref(packet);
+        if (s.codec != nullptr && avcodec_send_packet(s.codec.get(), packet.get()) >= 0) collect(s);
+        av_packet_unref(packet.get());
     }
     for (Stream* s : {&video, &audio}) {
         if (s->codec == nullptr) continue;
-        avcodec_send_packet(s->codec, nullptr);
+        avcodec_send_packet(s->codec.get(), nullptr);
         collect(*s);
-        avcodec_free_context(&s->codec);
     }
-    av_frame_free(&frame);
-    av_packet_free(&packet);
-    swr_free(&swr);
-    avformat_close_input(&format);
     return out;
 }
 
@@ -171,6 +181,10 @@ double snr(const std::vector<float>& got, const std::vector<float>& wanted, int 
     }
     return 10.0 * std::log10(signal / std::max(noise, 1e-12));
 }
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Shows to capture
+// ---------------------------------------------------------------------------------------------
 
 // A picture that moves: a frame off in time differs by far more than the encoder's loss. It
 // asks for a vertex pool that grows with time and turns grey while the pool is too small, so a
@@ -263,6 +277,10 @@ protected:
     const std::vector<std::int16_t> music_ = brisvale::test::makeSignal(kMusicRate, 2, kMusicRate);
 };
 
+// ---------------------------------------------------------------------------------------------
+// [SECTION] PNG captures
+// ---------------------------------------------------------------------------------------------
+
 TEST_F(CaptureTool, WritesOnePngPerTimeAtTheRequestedSize) {
     const std::string archive = writeShow({});
     const std::string out = dir_.file("out");
@@ -300,6 +318,10 @@ TEST_F(CaptureTool, ARangeWritesANumberedSequenceAtTheShowsDefaultSize) {
     }
     EXPECT_FALSE(std::filesystem::exists(out + "/frame-00003.png"));
 }
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Refusals
+// ---------------------------------------------------------------------------------------------
 
 TEST_F(CaptureTool, ContentErrorsNameTheShowAndTheFile) {
     ShowFiles files;
@@ -353,6 +375,10 @@ TEST_F(CaptureTool, BadArgumentsAndMissingArchivesFail) {
     EXPECT_EQ(run.status, 1);
     EXPECT_EQ(run.output, "brisvale-capture: Failed to open demo archive: " + dir_.file("absent.dat") + "\n");
 }
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Videos
+// ---------------------------------------------------------------------------------------------
 
 // From 0.5 s to 2.5 s at 10 fps: 20 frames, half a second of music, then the silent tail.
 TEST_F(CaptureTool, AVideoHoldsTheSpansFramesAndMusicInStep) {

@@ -2,6 +2,12 @@
 // JPEG) and small hand-written GIF, PNM and PSD files: premultiplied colour, row order, filling
 // the square, the failure messages, and what a stranger's file must not get out of the decoder
 // (formats a show has no use for, sizes that cost more than any show needs).
+//
+// [SECTION] Test images
+// [SECTION] Colour and alpha
+// [SECTION] Geometry
+// [SECTION] Other formats, recognised from their content
+// [SECTION] Failures
 #include <gtest/gtest.h>
 
 #include <stb/stb_image_write.h>
@@ -18,6 +24,10 @@ namespace brisvale {
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Test images
+// ---------------------------------------------------------------------------------------------
 
 struct Rgba {
     std::uint8_t r, g, b, a;
@@ -97,7 +107,9 @@ std::string errorOf(const Bytes& file, const std::string& path) {
     return "(no error)";
 }
 
-// --- Colour and alpha -----------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Colour and alpha
+// ---------------------------------------------------------------------------------------------
 
 TEST(ImageDecode, HalfTransparentRedIsStoredPremultiplied) {
     for (Format format : {Format::Png, Format::Bmp, Format::Tga}) {
@@ -167,7 +179,9 @@ TEST(ImageDecode, ColourNeverExceedsAlphaAfterScaling) {
     }
 }
 
-// --- Geometry -------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Geometry
+// ---------------------------------------------------------------------------------------------
 
 TEST(ImageDecode, TheFileTopRowIsRowZero) {
     std::vector<Rgba> pixels;
@@ -234,7 +248,9 @@ TEST(ImageDecode, OutputIsEdgeSquaredTimesFour) {
     EXPECT_EQ(decode(file, 1024).size(), 4194304u);
 }
 
-// --- Other formats, recognised from their content --------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Other formats, recognised from their content
+// ---------------------------------------------------------------------------------------------
 
 TEST(ImageDecode, HandWrittenPnmGifAndPsdAreRecognised) {
     const std::string pnm = "P6\n2 1\n255\n";
@@ -287,7 +303,9 @@ TEST(ImageDecode, HandWrittenPnmGifAndPsdAreRecognised) {
     EXPECT_EQ(fromPsd.a, 255);
 }
 
-// --- Failures -------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Failures
+// ---------------------------------------------------------------------------------------------
 
 TEST(ImageDecode, TextIsNotAnImage) {
     const std::string text = "This file lists the images of the show, not an image.\n";

@@ -1,6 +1,9 @@
 // What the author's tools use while a show plays, on lavapipe: shaders and images prepared on
 // another thread and installed between frames, text over the picture, the GPU time of a frame,
 // and the pipeline cache kept between runs.
+//
+// [SECTION] Shaders, images, text and GPU time while the show plays
+// [SECTION] The pipeline cache
 
 #include "RenderTestSupport.h"
 
@@ -21,6 +24,10 @@ constexpr float kMiddle = 50.0f;  // the marker shader's quad alone
 // The half-transparent blue quad over the clear colour, and the same quad made red.
 const Pixel kBlueQuad = expected(0.01f, 0.01f, 0.5125f);
 const Pixel kRedQuad = expected(0.51f, 0.01f, 0.0125f);
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Shaders, images, text and GPU time while the show plays
+// ---------------------------------------------------------------------------------------------
 
 std::string redMarkerShader() {
     std::string source = kMarkerShader;
@@ -172,7 +179,9 @@ TEST_F(RendererLive, GpuTimeOfTheLastFrameIsPositiveAndPlausible) {
     EXPECT_LT(renderer_->lastFrameGpuSeconds(), 5.0);
 }
 
-// ---- The pipeline cache ----
+// ---------------------------------------------------------------------------------------------
+// [SECTION] The pipeline cache
+// ---------------------------------------------------------------------------------------------
 
 class PipelineCache : public GpuTest {
 protected:

@@ -1,5 +1,13 @@
 // compileSceneShaders: SPIR-V for all three stages, one-line compile errors, the order of
 // the missing-function messages, and SPIR-V that the Khronos validator accepts for Vulkan 1.3.
+//
+// [SECTION] Sources
+// [SECTION] A good source
+// [SECTION] Compile errors
+// [SECTION] Errors in the show's own files
+// [SECTION] Missing functions
+// [SECTION] Macro expansion
+// [SECTION] The example shipped for show authors
 #include <gtest/gtest.h>
 
 #include <spirv-tools/libspirv.hpp>
@@ -20,6 +28,10 @@ namespace brisvale {
 namespace {
 
 constexpr std::uint32_t kSpirvMagic = 0x07230203;
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Sources
+// ---------------------------------------------------------------------------------------------
 
 // A complete source in the shape a show uses: shared declarations, then each entry function
 // under its stage macro. Pieces can be left out to make the missing-function cases.
@@ -127,7 +139,9 @@ std::string spirvValidationErrors(const std::vector<std::uint32_t>& words) {
     return errors;
 }
 
-// --- A good source --------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] A good source
+// ---------------------------------------------------------------------------------------------
 
 TEST(ShaderCompiler, GoodSourceGivesSpirvForEveryStageAndTheLocalSize) {
     const CompiledShaders shaders = compileSceneShaders(shaderSource({}));
@@ -203,7 +217,9 @@ TEST(ShaderCompiler, CompilesFromSeveralThreadsAtOnce) {
     for (const auto& result : results) EXPECT_EQ(result, results[0]);
 }
 
-// --- Compile errors ---------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Compile errors
+// ---------------------------------------------------------------------------------------------
 
 TEST(ShaderCompiler, SyntaxErrorGivesOneLineWithTheFirstError) {
     std::string source = shaderSource({});
@@ -269,7 +285,9 @@ TEST(ShaderCompiler, CompileErrorComesBeforeMissingFunctions) {
     EXPECT_NE(second.find("undefinedCall"), std::string::npos) << second;
 }
 
-// --- Errors in the show's own files ------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Errors in the show's own files
+// ---------------------------------------------------------------------------------------------
 
 std::vector<std::uint8_t> bytesOf(const std::string& text) {
     return {text.begin(), text.end()};
@@ -304,7 +322,9 @@ TEST(ShaderCompiler, ErrorsNameTheIncludedFileAndItsLine) {
               "comment");
 }
 
-// --- Missing functions ------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Missing functions
+// ---------------------------------------------------------------------------------------------
 
 TEST(ShaderCompiler, MissingFunctionsAreReportedVertexThenFragmentThenCompute) {
     struct Case {
@@ -350,7 +370,9 @@ void scene_compute() {}
     EXPECT_EQ(errorOf(source), "Missing scene_fragment shader");
 }
 
-// --- Macro expansion ----------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Macro expansion
+// ---------------------------------------------------------------------------------------------
 
 // `depth` nested uses of `macro`, around `leaf`: D(D(D(1.0))).
 std::string nested(const std::string& macro, int depth, const std::string& leaf) {
@@ -405,7 +427,9 @@ TEST(ShaderCompiler, MacrosWithinTheLimitCompile) {
     EXPECT_FALSE(shaders.vertex.empty());
 }
 
-// --- The example shipped for show authors -------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] The example shipped for show authors
+// ---------------------------------------------------------------------------------------------
 
 TEST(ShaderCompiler, ExampleShaderFileCompilesAndValidates) {
     std::ifstream in(std::string(BRISVALE_TEST_SHADER_DIR) + "/example.glsl");

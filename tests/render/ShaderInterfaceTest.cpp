@@ -2,6 +2,12 @@
 // the example printed in the document is the example file and compiles; the document's
 // tables give the offsets and bindings the header declares; and the SPIR-V compiled from the
 // example carries those same offsets and bindings.
+//
+// [SECTION] The example
+// [SECTION] Push constants
+// [SECTION] Bindings
+// [SECTION] Indirect and feedback records
+// [SECTION] Names shared with the compiler
 #include <gtest/gtest.h>
 
 #include <spirv-tools/libspirv.hpp>
@@ -100,7 +106,9 @@ std::string disassemble(const std::vector<std::uint32_t>& words) {
     return text;
 }
 
-// --- The example ----------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] The example
+// ---------------------------------------------------------------------------------------------
 
 TEST(ShaderInterfaceDocument, ExampleIsTheExampleFile) {
     const std::string fromDoc = exampleFromDocument();
@@ -132,7 +140,9 @@ TEST(ShaderInterfaceDocument, DeclarationsToCopyAreTheExamplesOwn) {
     }
 }
 
-// --- Push constants ---------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Push constants
+// ---------------------------------------------------------------------------------------------
 
 const std::map<std::string, std::size_t>& expectedPushConstantOffsets() {
     static const std::map<std::string, std::size_t> offsets = [] {
@@ -182,7 +192,9 @@ TEST(ShaderInterfaceDocument, CompiledExampleUsesTheDocumentedPushConstantOffset
     EXPECT_EQ(offsets, documented);
 }
 
-// --- Bindings ---------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Bindings
+// ---------------------------------------------------------------------------------------------
 
 TEST(ShaderInterfaceDocument, BindingTableMatchesTheHeader) {
     const auto rows = table("bindings");
@@ -231,7 +243,9 @@ TEST(ShaderInterfaceDocument, CompiledExampleUsesTheDocumentedBindings) {
     EXPECT_NE(vertex.find("NonWritable"), std::string::npos);
 }
 
-// --- Indirect and feedback records ---------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Indirect and feedback records
+// ---------------------------------------------------------------------------------------------
 
 TEST(ShaderInterfaceDocument, IndirectRecordTableMatchesTheHeader) {
     const std::map<std::string, std::size_t> expected{
@@ -253,7 +267,9 @@ TEST(ShaderInterfaceDocument, FeedbackRecordTableMatchesTheHeader) {
     EXPECT_EQ(offsetsIn("feedback", 2), expected);
 }
 
-// --- Names shared with the compiler --------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Names shared with the compiler
+// ---------------------------------------------------------------------------------------------
 
 TEST(ShaderInterfaceDocument, StageMacrosAndEntryFunctionsAreDocumented) {
     const std::string& doc = documentText();

@@ -1,6 +1,12 @@
 // Runs the built brisvale-pack on real directories and containers: round trips in every layout
 // and compression mode, determinism, listing, each refusal with its exit status, the show
 // check; and the directory source, which must read a directory as the packer packs it.
+//
+// [SECTION] Round trips
+// [SECTION] Listing
+// [SECTION] Refusals
+// [SECTION] Packing what lies inside
+// [SECTION] Checking
 
 #include <gtest/gtest.h>
 
@@ -127,7 +133,9 @@ protected:
     fs::path source_;
 };
 
-// [round trips] ----------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Round trips
+// ---------------------------------------------------------------------------------------------
 
 TEST_F(PackToolTest, RoundTripsEveryLayoutAndMode) {
     const auto original = snapshot(source_);
@@ -222,7 +230,9 @@ TEST_F(PackToolTest, OutputInsideTheSourceIsNotPackedIntoItself) {
     EXPECT_FALSE(DemoArchive::load(inside)->contains("demo.dat"));
 }
 
-// [listing] --------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Listing
+// ---------------------------------------------------------------------------------------------
 
 TEST_F(PackToolTest, ListsEveryEntryAndTheTotal) {
     ASSERT_EQ(pack(scratch_, {"-o", path("demo.dat"), "--no-check", source_.string()}).status, 0);
@@ -244,7 +254,9 @@ TEST_F(PackToolTest, ListsEveryEntryAndTheTotal) {
     EXPECT_NE(listed.out.find("images/noise.bin\t20000\t20000\tstored\n"), std::string::npos);
 }
 
-// [refusals] -------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Refusals
+// ---------------------------------------------------------------------------------------------
 
 TEST_F(PackToolTest, BadCommandLinesAreUsageErrors) {
     const Result help = pack(scratch_, {"--help"});
@@ -492,7 +504,9 @@ TEST_F(PackToolTest, ListingEscapesNamesAndShowsOnlyCheckedSizes) {
                           "total: 5 files\t116\t16\n");
 }
 
-// [packing what lies inside] ---------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Packing what lies inside
+// ---------------------------------------------------------------------------------------------
 
 TEST_F(PackToolTest, PacksOnlyWhatLiesInsideAndNamesWhatItSkips) {
     writeBytes(path("secret.txt"), toBytes("secret"));
@@ -551,7 +565,9 @@ TEST_F(PackToolTest, ShowDirectoriesNeedADemoIniAndFailInOneLine) {
     EXPECT_EQ(bytes, toBytes("kept"));
 }
 
-// [checking] -------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Checking
+// ---------------------------------------------------------------------------------------------
 
 // The lines of `text`.
 std::vector<std::string> linesOf(const std::string& text) {
@@ -654,11 +670,9 @@ TEST_F(PackToolTest, CheckListsEveryProblemOfAShowAtOnce) {
               source_.string() + ": error: No demo.ini in show directory: " + source_.string() + "\n" +
                   source_.string() + ": 1 error, 0 warnings\n");
 
-#ifdef BRISVALE_SHOW_DEMO_DAT
     const Result defaultShow = pack(scratch_, {"--check", BRISVALE_SHOW_DEMO_DAT});
     EXPECT_EQ(defaultShow.status, 0) << defaultShow.out;
     EXPECT_EQ(defaultShow.out, std::string(BRISVALE_SHOW_DEMO_DAT) + ": no problems found\n");
-#endif
 }
 
 } // namespace

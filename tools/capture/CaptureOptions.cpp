@@ -1,3 +1,12 @@
+// brisvale-capture's command line (CaptureOptions.h): options read into CaptureOptions, the
+// help text, and what a parsed command line asks for: the capture's size and the frames
+// to draw, with their show times and file names.
+//
+// [SECTION] Numbers and times
+// [SECTION] Usage
+// [SECTION] Parsing
+// [SECTION] Sizes and frames
+
 #include "tools/capture/CaptureOptions.h"
 
 #include <algorithm>
@@ -10,6 +19,10 @@
 
 namespace brisvale::capture {
 namespace {
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Numbers and times
+// ---------------------------------------------------------------------------------------------
 
 float parseTime(const std::string& text, const char* what) {
     std::size_t used = 0;
@@ -52,6 +65,10 @@ std::string timeText(float t) {
 }
 
 } // namespace
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Usage
+// ---------------------------------------------------------------------------------------------
 
 const char* captureUsage() {
     return "Usage: brisvale-capture SHOW [--size WxH] (--at T1,T2,... | --from A --to B [--fps N]) -o DIR\n"
@@ -101,6 +118,10 @@ std::string captureHelp() {
            "  130                   interrupted (Ctrl+C) during a video: the file holds the\n"
            "                        frames made so far\n";
 }
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Parsing
+// ---------------------------------------------------------------------------------------------
 
 VideoContainer videoContainerFor(const std::string& path) {
     const std::string extension = std::filesystem::path(path).extension().string();
@@ -188,6 +209,10 @@ CaptureOptions parseCaptureOptions(const std::vector<std::string>& arguments) {
     if (!range && options.times.empty()) throw CaptureOptionError("No times given (--at or --from/--to)");
     return options;
 }
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Sizes and frames
+// ---------------------------------------------------------------------------------------------
 
 CaptureSize captureSize(const CaptureOptions& options, std::uint32_t defaultWidth, std::uint32_t defaultHeight) {
     if (options.width && options.height) return {*options.width, *options.height};

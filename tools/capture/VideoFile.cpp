@@ -11,18 +11,15 @@
 
 #include "tools/capture/VideoFile.h"
 
+#include "audio/platform/FfmpegHandles.h"
 #include "content/AtomicFile.h"
 
 extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavformat/avformat.h>
 #include <libavutil/audio_fifo.h>
 #include <libavutil/channel_layout.h>
 #include <libavutil/log.h>
 #include <libavutil/opt.h>
 #include <libavutil/pixdesc.h>
-#include <libswresample/swresample.h>
-#include <libswscale/swscale.h>
 }
 
 #include <sys/stat.h>
@@ -46,30 +43,6 @@ std::string avError(int rc) {
     return text;
 }
 
-struct CodecContextFree {
-    void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
-};
-struct FrameFree {
-    void operator()(AVFrame* f) const { av_frame_free(&f); }
-};
-struct PacketFree {
-    void operator()(AVPacket* p) const { av_packet_free(&p); }
-};
-struct FormatFree {
-    void operator()(AVFormatContext* f) const { avformat_free_context(f); }
-};
-struct IoFree {
-    void operator()(AVIOContext* io) const {
-        av_freep(&io->buffer);
-        avio_context_free(&io);
-    }
-};
-struct SwsFree {
-    void operator()(SwsContext* s) const { sws_freeContext(s); }
-};
-struct SwrFree {
-    void operator()(SwrContext* s) const { swr_free(&s); }
-};
 struct FifoFree {
     void operator()(AVAudioFifo* f) const { av_audio_fifo_free(f); }
 };
@@ -80,8 +53,13 @@ struct SamplesFree {
     }
 };
 
-using CodecContext = std::unique_ptr<AVCodecContext, CodecContextFree>;
-using Frame = std::unique_ptr<AVFrame, FrameFree>;
+using pelora::gamedev::core::ffmpeg::CodecContext;
+using pelora::gamedev::core::ffmpeg::CustomIo;
+using pelora::gamedev::core::ffmpeg::Frame;
+using pelora::gamedev::core::ffmpeg::OutputFormat;
+using pelora::gamedev::core::ffmpeg::Packet;
+using pelora::gamedev::core::ffmpeg::Resampler;
+using pelora::gamedev::core::ffmpeg::Scaler;
 
 constexpr int kIoBufferBytes = 1 << 16;
 
@@ -251,21 +229,21 @@ struct VideoFile::State {
     std::unique_ptr<AtomicFileWriter> file;
     int fd = -1;
     ReadBack readBack;
-    std::unique_ptr<AVFormatContext, FormatFree> format;
-    std::unique_ptr<AVIOContext, IoFree> io;
-    std::unique_ptr<AVPacket, PacketFree> packet;
+    OutputFormat format;  // its I/O context is `io`, our own
+    CustomIo io;
+    Packet packet;
     bool headerWritten = false;
     bool finished = false;
 
     CodecContext video;
     AVStream* videoStream = nullptr;
-    std::unique_ptr<SwsContext, SwsFree> converter;
+    Scaler converter;
     Frame picture;
     std::int64_t pictures = 0;
 
     CodecContext audio;
     AVStream* audioStream = nullptr;
-    std::unique_ptr<SwrContext, SwrFree> resampler;
+    Resampler resampler;
     std::unique_ptr<AVAudioFifo, FifoFree> fifo;
     std::unique_ptr<std::uint8_t*, SamplesFree> resampled;  // one plane per channel, or one
     int resampledCapacity = 0;
@@ -458,7 +436,7 @@ void VideoFile::State::openOutput() {
         return 0;
     };
     format->io_close2 = [](AVFormatContext*, AVIOContext* pb) -> int {
-        IoFree{}(pb);
+        const CustomIo closed(pb);  // freed on return
         return 0;
     };
     AVDictionary* options = nullptr;

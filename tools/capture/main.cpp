@@ -173,9 +173,13 @@ struct OffscreenShow {
 
 void startRenderer(OffscreenShow& show, const std::shared_ptr<DemoArchive>& archive, const DemoManifest& manifest,
                    const std::string& showPath, CaptureSize size) {
-    show.device = gpu::Device::create({});
-    if (show.device) show.surface = std::make_unique<gpu::OffscreenSurface>(*show.device, size.width, size.height);
     // A missing device reaches the renderer as null and fails with its own message.
+    try {
+        show.device = gpu::Device::create({});
+    } catch (const gpu::Error&) {
+        // no device: the renderer's message says so
+    }
+    if (show.device) show.surface = std::make_unique<gpu::OffscreenSurface>(*show.device, size.width, size.height);
     try {
         show.renderer = std::make_unique<Renderer>(show.device.get(), show.surface.get(), archive, manifest,
                                                    show.tasks.poster());

@@ -11,7 +11,13 @@
 // line each. Extracting creates new files only and, when it fails, removes what it created.
 // Every failure is one line on stderr and exit status 1 (2 for a wrong command line).
 //
-// Sections: [usage] [messages] [check] [pack] [list] [extract] [main]
+// [SECTION] Usage
+// [SECTION] Messages
+// [SECTION] Check
+// [SECTION] Pack
+// [SECTION] List
+// [SECTION] Extract
+// [SECTION] Main
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -50,7 +56,9 @@ struct ToolError : std::runtime_error {
     bool usage;
 };
 
-// [usage] ----------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Usage
+// ---------------------------------------------------------------------------------------------
 
 constexpr const char* kUsage =
     "Usage: brisvale-pack -o OUTPUT [--format 1|2] [--compress auto|all|none] [--no-check] DIR\n"
@@ -92,7 +100,9 @@ constexpr const char* kUsage =
     "  1                       a failure, or a show with errors, named on stderr\n"
     "  2                       a command line it does not understand\n";
 
-// [messages] -------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Messages
+// ---------------------------------------------------------------------------------------------
 
 std::string quoted(const std::string& text) {
     return "'" + text + "'";
@@ -124,7 +134,9 @@ std::shared_ptr<DemoArchive> loadArchive(const std::string& archivePath) {
     }
 }
 
-// [check] ----------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Check
+// ---------------------------------------------------------------------------------------------
 
 // A finding as one line: "<file>[:<line>]: error|warning: <message>". Files of a directory show
 // are named by their path on disk, so that an editor can open them from the line.
@@ -179,7 +191,9 @@ int check(const std::string& showPath) {
     return count.errors == 0 ? 0 : 1;
 }
 
-// [pack] -----------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Pack
+// ---------------------------------------------------------------------------------------------
 
 // The reader inflates a file in one zlib call, which counts in 32 bits.
 constexpr std::uint64_t kMaxPackedFile = std::uint64_t{4} << 30;
@@ -236,7 +250,9 @@ int pack(const std::string& output, const std::string& directory,
     return 0;
 }
 
-// [list] -----------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] List
+// ---------------------------------------------------------------------------------------------
 
 // A gzip entry whose declared size cannot be right shows "?" and is left out of the total.
 int list(const std::string& archivePath) {
@@ -257,7 +273,9 @@ int list(const std::string& archivePath) {
     return 0;
 }
 
-// [extract] --------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Extract
+// ---------------------------------------------------------------------------------------------
 
 // What this run created, removed again (files and then their directories, newest first)
 // unless the extraction finished: a failed run leaves the destination as it found it.
@@ -400,7 +418,9 @@ int extract(const std::string& archivePath, const std::string& directory) {
     return 0;
 }
 
-// [main] -----------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Main
+// ---------------------------------------------------------------------------------------------
 
 std::uint32_t parseFormat(const std::string& text) {
     if (text == "1" || text == "2") {

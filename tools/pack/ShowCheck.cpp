@@ -2,7 +2,12 @@
 // content, shader, image and audio code, and lists every problem instead of stopping at the
 // first. Nothing here needs a GPU or an audio device.
 //
-// Sections: [findings] [manifest] [shader] [images] [music] [check]
+// [SECTION] Findings
+// [SECTION] Manifest
+// [SECTION] Shader
+// [SECTION] Images
+// [SECTION] Music
+// [SECTION] Check
 
 #include "tools/pack/ShowCheck.h"
 
@@ -26,7 +31,9 @@ namespace {
 constexpr const char* kManifestPath = "demo.ini";
 constexpr const char* kNoEnd = "the show would play silent and never end";
 
-// [findings] -------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Findings
+// ---------------------------------------------------------------------------------------------
 
 class Findings {
 public:
@@ -46,7 +53,9 @@ std::string quoted(std::string_view text) {
     return "'" + std::string(text) + "'";
 }
 
-// [manifest] -------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Manifest
+// ---------------------------------------------------------------------------------------------
 
 // The manifest as the player would read it, and where its path keys stand.
 struct ManifestRead {
@@ -111,7 +120,9 @@ ManifestRead checkManifest(const DemoArchive& archive, Findings& findings) {
     return read;
 }
 
-// [shader] ---------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Shader
+// ---------------------------------------------------------------------------------------------
 
 // glslang's location at the start of `text` ("0:12: "): the line, and `text` moved past it.
 bool takeLocation(std::string_view& text, std::uint32_t& line) {
@@ -208,7 +219,9 @@ void checkShader(const DemoArchive& archive, const ManifestRead& read, Findings&
     }
 }
 
-// [images] ---------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Images
+// ---------------------------------------------------------------------------------------------
 
 bool isPlainIndex(std::string_view text) {
     if (text.starts_with('+') || text.starts_with('-')) {
@@ -304,7 +317,9 @@ void checkImages(const DemoArchive& archive, const ManifestRead& read, Findings&
     }
 }
 
-// [music] ----------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Music
+// ---------------------------------------------------------------------------------------------
 
 void checkMusic(const DemoArchive& archive, const ManifestRead& read, Findings& findings) {
     namespace audio = pelora::gamedev::core;
@@ -341,7 +356,9 @@ void checkMusic(const DemoArchive& archive, const ManifestRead& read, Findings& 
 
 } // namespace
 
-// [check] ----------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Check
+// ---------------------------------------------------------------------------------------------
 
 std::vector<ShowFinding> checkShow(const DemoArchive& archive) {
     Findings findings;

@@ -3,6 +3,11 @@
 // line, and takes keys when stdin is a terminal: space pauses and resumes, left and right seek
 // 5 s, q quits. Exits 0 once the song has ended (or on q, or after --help), 1 on a file it
 // cannot play, 2 on bad arguments. --help is also its manual page (help2man).
+//
+// [SECTION] Terminal
+// [SECTION] Arguments
+// [SECTION] Output
+// [SECTION] Playing
 
 #include <poll.h>
 #include <sys/stat.h>
@@ -30,7 +35,10 @@ namespace {
 
 constexpr int kBufferFrames = 6 * 2048;  // what the player still holds when it reports done
 
-// [TERMINAL] Raw key input while playing; the saved settings come back on every way out.
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Terminal
+// ---------------------------------------------------------------------------------------------
+// Raw key input while playing; the saved settings come back on every way out.
 termios g_savedTermios;
 volatile std::sig_atomic_t g_rawActive = 0;
 volatile std::sig_atomic_t g_quitSignal = 0;
@@ -95,7 +103,10 @@ Key readKey(int ms) {
     return Key::None;
 }
 
-// [ARGUMENTS]
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Arguments
+// ---------------------------------------------------------------------------------------------
+
 constexpr const char* kUsage = "usage: brisvale-play FILE [--eq g0,...,g9] [--volume V]\n";
 constexpr const char* kHelp =
     "Usage: brisvale-play [--eq g0,...,g9] [--volume V] FILE\n"
@@ -199,7 +210,10 @@ std::optional<Options> parseArguments(int argc, char** argv) {
     return o;
 }
 
-// [OUTPUT]
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Output
+// ---------------------------------------------------------------------------------------------
+
 std::string clock(double seconds) {
     if (seconds < 0) {
         return "--:--.-";
@@ -229,6 +243,10 @@ void printTags(const core::audio_song& song) {
     std::printf("%-8s %s\n", "Duration", song.duration_seconds > 0 ? clock(song.duration_seconds).c_str() : "unknown");
     std::fflush(stdout);
 }
+
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Playing
+// ---------------------------------------------------------------------------------------------
 
 // The player's handle, destroyed before the song it plays.
 struct PlayerHandle {

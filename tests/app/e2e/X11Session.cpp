@@ -1,3 +1,9 @@
+// A private X display (Xvfb) and the programs run on it for the end-to-end tests: child
+// processes with their output, and the display with its windows and pixels.
+//
+// [SECTION] Child processes
+// [SECTION] The display
+
 #include "app/e2e/X11Session.h"
 
 #include <fcntl.h>
@@ -29,7 +35,8 @@ int decodeStatus(int status) {
 } // namespace
 
 // ---------------------------------------------------------------------------------------------
-// Child processes
+// [SECTION] Child processes
+// ---------------------------------------------------------------------------------------------
 
 Child::~Child() { kill(); }
 
@@ -128,7 +135,8 @@ Screenshot::Pixel Screenshot::at(int x, int y) const {
 }
 
 // ---------------------------------------------------------------------------------------------
-// The display
+// [SECTION] The display
+// ---------------------------------------------------------------------------------------------
 
 X11Session::X11Session(bool withWindowManager) {
     startDisplay();

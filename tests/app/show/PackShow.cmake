@@ -20,12 +20,3 @@ function(brisvale_stage_test_show dir target)
     VERBATIM)
   add_custom_target(${target} DEPENDS ${outputs})
 endfunction()
-
-# brisvale_pack_show(OUT DIR STAGE_TARGET): packs DIR into OUT with brisvale-pack.
-function(brisvale_pack_show out dir stage_target)
-  add_custom_command(OUTPUT ${out}
-    COMMAND $<TARGET_FILE:brisvale-pack> -o ${out} ${dir}
-    DEPENDS ${stage_target} brisvale-pack ${dir}/demo.ini ${dir}/music/song.flac
-    COMMENT "Packing ${out}"
-    VERBATIM)
-endfunction()

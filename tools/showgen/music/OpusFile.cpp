@@ -1,13 +1,12 @@
 // FFmpeg encoding of the piece: libopus into an Ogg file, bit-exact.
 #include "music/OpusFile.h"
 
+#include "audio/platform/FfmpegHandles.h"
+
 #include <algorithm>
-#include <memory>
 #include <stdexcept>
 
 extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavformat/avformat.h>
 #include <libavutil/base64.h>
 #include <libavutil/channel_layout.h>
 #include <libavutil/error.h>
@@ -15,6 +14,8 @@ extern "C" {
 
 namespace brisvale::showgen {
 namespace {
+
+namespace ffmpeg = pelora::gamedev::core::ffmpeg;
 
 std::string averr(int code) {
     char buf[AV_ERROR_MAX_STRING_SIZE] = {};
@@ -25,22 +26,6 @@ std::string averr(int code) {
 void check(int code, const char* what) {
     if (code < 0) throw std::runtime_error(std::string(what) + ": " + averr(code));
 }
-
-struct FormatDeleter {
-    void operator()(AVFormatContext* f) const {
-        if (f->pb) avio_closep(&f->pb);
-        avformat_free_context(f);
-    }
-};
-struct CodecDeleter {
-    void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
-};
-struct FrameDeleter {
-    void operator()(AVFrame* f) const { av_frame_free(&f); }
-};
-struct PacketDeleter {
-    void operator()(AVPacket* p) const { av_packet_free(&p); }
-};
 
 void putBe32(std::vector<std::uint8_t>& out, std::uint32_t v) {
     for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<std::uint8_t>(v >> shift));
@@ -83,10 +68,10 @@ void writeOggOpus(const std::string& path, const StereoPcm& pcm, const SongTags&
 
     AVFormatContext* rawFormat = nullptr;
     check(avformat_alloc_output_context2(&rawFormat, nullptr, "ogg", path.c_str()), "avformat_alloc_output_context2 failed");
-    std::unique_ptr<AVFormatContext, FormatDeleter> format(rawFormat);
+    ffmpeg::OutputFormat format(rawFormat);
     format->flags |= AVFMT_FLAG_BITEXACT;
 
-    std::unique_ptr<AVCodecContext, CodecDeleter> codec(avcodec_alloc_context3(encoder));
+    ffmpeg::CodecContext codec(avcodec_alloc_context3(encoder));
     if (!codec) throw std::runtime_error("avcodec_alloc_context3 failed");
     codec->sample_rate = kSongRate;
     codec->sample_fmt = AV_SAMPLE_FMT_FLT;
@@ -121,8 +106,8 @@ void writeOggOpus(const std::string& path, const StereoPcm& pcm, const SongTags&
     check(avio_open(&format->pb, path.c_str(), AVIO_FLAG_WRITE), "avio_open failed");
     check(avformat_write_header(format.get(), nullptr), "avformat_write_header failed");
 
-    std::unique_ptr<AVFrame, FrameDeleter> frame(av_frame_alloc());
-    std::unique_ptr<AVPacket, PacketDeleter> packet(av_packet_alloc());
+    ffmpeg::Frame frame(av_frame_alloc());
+    ffmpeg::Packet packet(av_packet_alloc());
     if (!frame || !packet) throw std::runtime_error("av_frame_alloc failed");
     const std::size_t frameSize = static_cast<std::size_t>(codec->frame_size > 0 ? codec->frame_size : 960);
     const std::size_t total = pcm.left.size();

@@ -1,6 +1,10 @@
 // The arrangement of the default show's piece and the instruments that play it.
 // Notes are rendered one at a time into full-length buses (offline, so every voice
 // can run its envelope to silence); the buses are then effected, summed and limited.
+//
+// [SECTION] Instruments
+// [SECTION] Score
+// [SECTION] Master
 #include "music/Song.h"
 
 #include "music/Dsp.h"
@@ -42,7 +46,9 @@ std::pair<double, double> pan(double p) {
     return {std::cos(a), std::sin(a)};
 }
 
-// ---- instruments -----------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Instruments
+// ---------------------------------------------------------------------------------------------
 
 void kick(Mix& m, std::size_t at, double vel) {
     Oscillator body;
@@ -208,7 +214,9 @@ void pluckNote(Mix& m, std::size_t at, double midi, double vel, double cutoff, d
     }
 }
 
-// ---- score -------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Score
+// ---------------------------------------------------------------------------------------------
 
 struct Chord {
     int bass;
@@ -423,7 +431,9 @@ void arrange(Mix& m, std::vector<double>& kicks) {
     playMelody(m, kMelodyFinale, 63, -12, 0.4, 2200.0);
 }
 
-// ---- master ------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// [SECTION] Master
+// ---------------------------------------------------------------------------------------------
 
 // Look-ahead peak limiter: the gain reaches its target before the peak arrives, so the
 // ceiling holds without clipping, and it recovers slowly enough not to pump audibly.
