@@ -81,17 +81,13 @@ void encodeFile(const std::string& path, const EncodeRequest& request, const std
 
 std::vector<uint8_t> readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        throw std::runtime_error("cannot read " + path);
-    }
+    if (!in) throw std::runtime_error("cannot read " + path);
     return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
 }
 
 void* mallocCopy(const std::vector<uint8_t>& bytes) {
     void* block = std::malloc(bytes.size());
-    if (block == nullptr) {
-        throw std::runtime_error("malloc failed");
-    }
+    if (block == nullptr) throw std::runtime_error("malloc failed");
     std::memcpy(block, bytes.data(), bytes.size());
     return block;
 }
