@@ -2,8 +2,6 @@
 // of SHOW, and every command line that must be refused.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <cctype>
 #include <filesystem>
 #include <fstream>
@@ -12,6 +10,7 @@
 #include <vector>
 
 #include "app/CommandLine.h"
+#include "support/TestSupport.h"
 
 namespace brisvale {
 namespace {
@@ -42,6 +41,11 @@ TEST(CommandLine, NoArgumentsIsThePlayerAsShippedAndEachOptionSetsItsFieldOnly) 
               "show 0 '' windowed 0 start 0 validation 1 stats 0 help 0 version 0 arguments 1");
     EXPECT_EQ(fieldsOf(parse({"--frame-pump-stats"})),
               "show 0 '' windowed 0 start 0 validation 0 stats 1 help 0 version 0 arguments 1");
+    // --timings, author mode's switch of its own.
+    EXPECT_FALSE(parse({"shows/dir"}).timings);
+    EXPECT_TRUE(parse({"--timings", "shows/dir"}).timings);
+    EXPECT_EQ(fieldsOf(parse({"--timings", "shows/dir"})),
+              "show 2 'shows/dir' windowed 1 start 0 validation 0 stats 0 help 0 version 0 arguments 1");
 }
 
 TEST(CommandLine, StartTakesItsValueInEitherFormAndTheLastOneCounts) {
@@ -82,14 +86,12 @@ TEST(CommandLine, ShowFormsAndWhereEachStarts) {
     EXPECT_EQ(parse({"-"}).showPath, "-");
 
     // The real file system decides by default.
-    const std::filesystem::path dir =
-        std::filesystem::temp_directory_path() / ("brisvale-cli-" + std::to_string(::getpid()));
-    std::filesystem::create_directories(dir);
+    const testing::TempDir temp;
+    const std::filesystem::path dir = temp.path();
     std::ofstream(dir / "demo.dat") << "x";
     EXPECT_EQ(parseCommandLine({dir.string()}).showKind, ShowKind::Directory);
     EXPECT_EQ(parseCommandLine({(dir / "demo.dat").string()}).showKind, ShowKind::PackedFile);
     EXPECT_EQ(parseCommandLine({(dir / "missing.dat").string()}).showKind, ShowKind::PackedFile);
-    std::filesystem::remove_all(dir);
 }
 
 TEST(CommandLine, RefusedCommandLinesSayWhy) {
@@ -164,14 +166,6 @@ TEST(CommandLine, EveryOptionTheHelpDescribesIsTakenAndInTheUsageLine) {
         ++described;
     }
     EXPECT_GE(described, 6);
-}
-
-TEST(CommandLine, TimingsIsAnAuthorModeSwitchOfItsOwn) {
-    EXPECT_FALSE(parse({"shows/dir"}).timings);
-    const PlayerOptions timed = parse({"--timings", "shows/dir"});
-    EXPECT_TRUE(timed.timings);
-    EXPECT_EQ(fieldsOf(timed),
-              "show 2 'shows/dir' windowed 1 start 0 validation 0 stats 0 help 0 version 0 arguments 1");
 }
 
 } // namespace

@@ -2,8 +2,6 @@
 // while watching is watched too, and reading the show's files (as a reload does) is no change.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <atomic>
 #include <chrono>
 #include <filesystem>
@@ -12,6 +10,7 @@
 #include <thread>
 
 #include "app/platform/DirectoryWatcher.h"
+#include "support/TestSupport.h"
 
 namespace brisvale {
 namespace {
@@ -21,17 +20,7 @@ using namespace std::chrono_literals;
 
 class WatchedDirectory : public ::testing::Test {
 protected:
-    WatchedDirectory() {
-        std::string pattern = (fs::temp_directory_path() / "brisvale-watch-XXXXXX").string();
-        if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-        root_ = pattern;
-        fs::create_directories(root_ / "shaders");
-    }
-    ~WatchedDirectory() override {
-        watcher_.reset();
-        std::error_code ec;
-        fs::remove_all(root_, ec);
-    }
+    WatchedDirectory() { fs::create_directories(root_ / "shaders"); }
     void watch() {
         watcher_ = std::make_unique<DirectoryWatcher>(
             root_, [this](DirectoryWatcher::Clock::time_point) { ++changes_; },
@@ -46,9 +35,10 @@ protected:
     }
     static void write(const fs::path& file, const std::string& text) { std::ofstream(file) << text; }
 
-    fs::path root_;
+    testing::TempDir dir_;
+    const fs::path root_ = dir_.path();
     std::atomic<int> changes_{0};
-    std::unique_ptr<DirectoryWatcher> watcher_;
+    std::unique_ptr<DirectoryWatcher> watcher_;  // goes before the directory
 };
 
 TEST_F(WatchedDirectory, ASaveByRenameIsOneChange) {

@@ -5,48 +5,26 @@
 namespace brisvale {
 namespace {
 
-DrawableGeometry windowed(double width, double height, double windowScale, double screenScale) {
-    DrawableGeometry g;
-    g.boundsWidth = width;
-    g.boundsHeight = height;
-    g.windowScale = windowScale;
-    g.mainScreenScale = screenScale;
-    return g;
-}
-
-TEST(DrawableSizeRule, WindowPointsTimesBackingScale) {
-    const DrawableSize pixels = drawableSizeFor(windowed(1280, 720, 2.0, 1.0));
-    EXPECT_DOUBLE_EQ(pixels.width, 2560.0);
-    EXPECT_DOUBLE_EQ(pixels.height, 1440.0);
-    const SurfaceSize size = surfaceSizeFor(pixels);
-    EXPECT_EQ(size.width, 2560u);
-    EXPECT_EQ(size.height, 1440u);
-}
-
-TEST(DrawableSizeRule, FullScreenIsAlways1920By1080) {
-    for (double scale : {1.0, 2.0, 0.0}) {
-        DrawableGeometry g = windowed(3840, 2160, scale, 2.0);
-        g.fullScreen = true;
-        const SurfaceSize size = surfaceSizeFor(drawableSizeFor(g));
-        EXPECT_EQ(size.width, 1920u);
-        EXPECT_EQ(size.height, 1080u);
+TEST(DrawableSizeRule, PointsTimesTheBackingScaleTruncatedAndFullScreenAlways1920By1080) {
+    struct Case {
+        DrawableGeometry geometry;
+        unsigned width, height;
+    };
+    const Case cases[] = {
+        {{false, 2.0, 1.0, 1280, 720}, 2560, 1440},
+        {{false, 0.0, 2.0, 1280, 720}, 2560, 1440},  // no window yet: the main screen's scale
+        {{false, 1.0, 1.0, 100.7, 50.5}, 100, 50},   // truncated, not rounded
+        {{false, 1.5, 1.0, 1281, 721}, 1921, 1081},  // fractional scales work in double: 1921.5
+        {{true, 1.0, 2.0, 3840, 2160}, 1920, 1080},
+        {{true, 2.0, 2.0, 3840, 2160}, 1920, 1080},
+        {{true, 0.0, 2.0, 3840, 2160}, 1920, 1080},
+    };
+    for (const Case& c : cases) {
+        const SurfaceSize size = surfaceSizeFor(drawableSizeFor(c.geometry));
+        EXPECT_EQ(size.width, c.width) << "case " << &c - cases;
+        EXPECT_EQ(size.height, c.height) << "case " << &c - cases;
     }
-}
-
-TEST(DrawableSizeRule, NoWindowUsesTheMainScreenScale) {
-    const SurfaceSize size = surfaceSizeFor(drawableSizeFor(windowed(1280, 720, 0.0, 2.0)));
-    EXPECT_EQ(size.width, 2560u);
-    EXPECT_EQ(size.height, 1440u);
-}
-
-TEST(DrawableSizeRule, PixelsAreTruncatedNotRounded) {
-    const DrawableSize pixels = drawableSizeFor(windowed(100.7, 50.5, 1.0, 1.0));
-    EXPECT_DOUBLE_EQ(pixels.width, 100.7);
-    const SurfaceSize size = surfaceSizeFor(pixels);
-    EXPECT_EQ(size.width, 100u);
-    EXPECT_EQ(size.height, 50u);
-    // Fractional scales work in double: 1281 points at 1.5 give 1921.5 pixels.
-    EXPECT_EQ(surfaceSizeFor(drawableSizeFor(windowed(1281, 721, 1.5, 1.0))).width, 1921u);
+    EXPECT_DOUBLE_EQ(drawableSizeFor(cases[2].geometry).width, 100.7) << "the layer's size is not truncated";
 }
 
 TEST(DrawableSizeRule, UnrepresentableSizesStayDefined) {

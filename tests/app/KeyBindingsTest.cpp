@@ -9,45 +9,38 @@ KeyPress key(KeyCode code, bool command, std::string characters) {
     return KeyPress{code, command, std::move(characters)};
 }
 
-TEST(ViewKeyTable, EscapeQuitsWithAnyModifiers) {
-    // Escape's text varies with the platform (often "\x1b", sometimes empty); only the code counts.
-    EXPECT_EQ(keyActionFor(key(KeyCode::Escape, false, "\x1b")), KeyAction::Terminate);
-    EXPECT_EQ(keyActionFor(key(KeyCode::Escape, true, "\x1b")), KeyAction::Terminate);
-    EXPECT_EQ(keyActionFor(key(KeyCode::Escape, false, "")), KeyAction::Terminate);
-    // Escape comes before the "f" row even if a platform reported odd text for it.
-    EXPECT_EQ(keyActionFor(key(KeyCode::Escape, true, "f")), KeyAction::Terminate);
-}
-
-TEST(ViewKeyTable, FTogglesInEitherCaseAndWithCommand) {
-    EXPECT_EQ(keyActionFor(key(KeyCode::Other, false, "f")), KeyAction::ToggleFullScreen);
-    EXPECT_EQ(keyActionFor(key(KeyCode::Other, false, "F")), KeyAction::ToggleFullScreen);
-    EXPECT_EQ(keyActionFor(key(KeyCode::Other, true, "f")), KeyAction::ToggleFullScreen);
-    EXPECT_EQ(keyActionFor(key(KeyCode::Other, true, "F")), KeyAction::ToggleFullScreen);
-}
-
-TEST(ViewKeyTable, CommandReturnTogglesAndReturnAlonePassesOn) {
-    EXPECT_EQ(keyActionFor(key(KeyCode::Return, true, "\r")), KeyAction::ToggleFullScreen);
-    EXPECT_EQ(keyActionFor(key(KeyCode::Return, false, "\r")), KeyAction::PassOn);
-}
-
-TEST(ViewKeyTable, OtherKeysPassOn) {
-    EXPECT_EQ(keyActionFor(key(KeyCode::Other, false, "g")), KeyAction::PassOn);
-    EXPECT_EQ(keyActionFor(key(KeyCode::Other, false, "ff")), KeyAction::PassOn);
-    EXPECT_EQ(keyActionFor(key(KeyCode::Other, false, "")), KeyAction::PassOn);
-    EXPECT_EQ(keyActionFor(key(KeyCode::Other, true, "q")), KeyAction::PassOn);
-}
-
-TEST(MenuKeyEquivalents, CommandQQuitsAndCommandReturnToggles) {
-    EXPECT_EQ(menuKeyEquivalentFor(key(KeyCode::Other, true, "q")), KeyAction::Terminate);
-    EXPECT_EQ(menuKeyEquivalentFor(key(KeyCode::Other, true, "Q")), KeyAction::Terminate);
-    EXPECT_EQ(menuKeyEquivalentFor(key(KeyCode::Return, true, "\r")), KeyAction::ToggleFullScreen);
-}
-
-TEST(MenuKeyEquivalents, WithoutCommandTheMenuTakesNothing) {
-    EXPECT_EQ(menuKeyEquivalentFor(key(KeyCode::Other, false, "q")), KeyAction::PassOn);
-    EXPECT_EQ(menuKeyEquivalentFor(key(KeyCode::Return, false, "\r")), KeyAction::PassOn);
-    EXPECT_EQ(menuKeyEquivalentFor(key(KeyCode::Escape, true, "\x1b")), KeyAction::PassOn);
-    EXPECT_EQ(menuKeyEquivalentFor(key(KeyCode::Other, true, "f")), KeyAction::PassOn);
+// The view's table and the menu's key equivalents for the same keys, none of them author mode's.
+TEST(ViewKeyTable, EachKeyItsViewActionAndMenuItem) {
+    using enum KeyAction;
+    struct Case {
+        KeyPress key;
+        KeyAction view, menu;
+    };
+    const Case cases[] = {
+        // Escape's text varies with the platform (often "\x1b", sometimes empty); only the code
+        // counts, and it comes before the "f" row even with odd text.
+        {key(KeyCode::Escape, false, "\x1b"), Terminate, PassOn},
+        {key(KeyCode::Escape, false, ""), Terminate, PassOn},
+        {key(KeyCode::Escape, true, "f"), Terminate, PassOn},
+        {key(KeyCode::Other, false, "f"), ToggleFullScreen, PassOn},
+        {key(KeyCode::Other, false, "F"), ToggleFullScreen, PassOn},
+        {key(KeyCode::Other, true, "f"), ToggleFullScreen, PassOn},
+        {key(KeyCode::Return, true, "\r"), ToggleFullScreen, ToggleFullScreen},
+        {key(KeyCode::Return, false, "\r"), PassOn, PassOn},
+        {key(KeyCode::Other, true, "q"), PassOn, Terminate},
+        {key(KeyCode::Other, true, "Q"), PassOn, Terminate},
+        {key(KeyCode::Other, false, "q"), PassOn, PassOn},
+        {key(KeyCode::Other, false, "g"), PassOn, PassOn},
+        {key(KeyCode::Other, false, "ff"), PassOn, PassOn},
+        {key(KeyCode::Other, false, ""), PassOn, PassOn},
+        {key(KeyCode::Left, true, ""), PassOn, PassOn},  // author keys with Command are the menu's
+        {key(KeyCode::Other, true, " "), PassOn, PassOn},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(keyActionFor(c.key), c.view) << "case " << &c - cases;
+        EXPECT_EQ(menuKeyEquivalentFor(c.key), c.menu) << "case " << &c - cases;
+        EXPECT_EQ(authorCommandFor(c.key).action, AuthorAction::None) << "case " << &c - cases;
+    }
 }
 
 // Author mode's keys come after the view's table: it must pass them on, and they act only then.
@@ -78,17 +71,6 @@ TEST(AuthorKeys, EachKeyItsCommandAndTheViewPassesThemOn) {
         EXPECT_EQ(keyActionFor(c.key), KeyAction::PassOn);
         EXPECT_EQ(menuKeyEquivalentFor(c.key), KeyAction::PassOn);
     }
-}
-
-TEST(AuthorKeys, CommandAndOtherKeysDoNothing) {
-    EXPECT_EQ(authorCommandFor(key(KeyCode::Left, true, "")).action, AuthorAction::None);
-    EXPECT_EQ(authorCommandFor(key(KeyCode::Other, true, " ")).action, AuthorAction::None);
-    EXPECT_EQ(authorCommandFor(key(KeyCode::Other, false, "g")).action, AuthorAction::None);
-    EXPECT_EQ(authorCommandFor(key(KeyCode::Return, false, "\r")).action, AuthorAction::None);
-    EXPECT_EQ(authorCommandFor(key(KeyCode::Other, false, "")).action, AuthorAction::None);
-    // The view's own keys stay the view's.
-    EXPECT_EQ(authorCommandFor(key(KeyCode::Other, false, "f")).action, AuthorAction::None);
-    EXPECT_EQ(authorCommandFor(key(KeyCode::Escape, false, "\x1b")).action, AuthorAction::None);
 }
 
 } // namespace

@@ -7,11 +7,10 @@
 #include <thread>
 #include <vector>
 
-#include <unistd.h>
-
 #include "app/BundleResource.h"
 #include "app/DisplayTimer.h"
 #include "app/MainThreadQueue.h"
+#include "support/TestSupport.h"
 
 namespace brisvale {
 namespace {
@@ -26,20 +25,15 @@ TEST(MainThreadQueue, RunsTasksInOrderAndWakesOncePerBatch) {
     EXPECT_EQ(wakes, 1);
     EXPECT_EQ(queue.runPending(), 5u);
     EXPECT_EQ(ran, (std::vector<int>{0, 1, 2, 3, 4}));
-    queue.post([] {});
-    EXPECT_EQ(wakes, 2);
-}
 
-TEST(MainThreadQueue, ATaskPostedWhileRunningWaitsForTheNextRound) {
-    int wakes = 0;
-    MainThreadQueue queue([&] { ++wakes; });
-    int second = 0;
-    queue.post([&] { queue.post([&] { ++second; }); });
+    // A task posted while running waits for the next round, and wakes the loop for it.
+    queue.post([&] { queue.post([&] { ran.push_back(5); }); });
+    EXPECT_EQ(wakes, 2);
     EXPECT_EQ(queue.runPending(), 1u);
-    EXPECT_EQ(second, 0);
-    EXPECT_EQ(wakes, 2);  // the loop is woken for it
+    EXPECT_EQ(ran.size(), 5u);
+    EXPECT_EQ(wakes, 3);
     EXPECT_EQ(queue.runPending(), 1u);
-    EXPECT_EQ(second, 1);
+    EXPECT_EQ(ran.back(), 5);
 }
 
 TEST(MainThreadQueue, NoTaskStartsOnceTheApplicationQuits) {
@@ -63,6 +57,7 @@ TEST(MainThreadQueue, DelayedTasksWaitForTheirTime) {
     int ran = 0;
     queue.postAfter(std::chrono::hours(1), [&] { ++ran; });
     queue.postAfter(std::chrono::milliseconds(0), [&] { ran += 10; });
+    std::this_thread::sleep_for(std::chrono::milliseconds(3));  // overdue: still 0, not less
     EXPECT_EQ(queue.millisecondsUntilNextDue(), 0);
     queue.runPending();
     EXPECT_EQ(ran, 10);
@@ -111,37 +106,22 @@ TEST(DisplayTimer, UnknownRefreshRateMeans60) {
     EXPECT_EQ(DisplayTimer::refreshRateOr60(144), 144.0);
 }
 
-class BundleResourceTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        root_ = fs::temp_directory_path() / ("brisvale-bundle-" + std::to_string(::getpid()) + "-" +
-                                             ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(root_);
-        fs::create_directories(root_ / "bin");
-        fs::create_directories(root_ / "share" / "brisvale");
-    }
-    void TearDown() override { fs::remove_all(root_); }
-    static void touch(const fs::path& p) { std::ofstream(p) << "x"; }
-    fs::path root_;
-};
-
-TEST_F(BundleResourceTest, BesideTheExecutableFirst) {
-    touch(root_ / "bin" / "demo.dat");
-    touch(root_ / "share" / "brisvale" / "demo.dat");
-    EXPECT_EQ(bundleResourcePath((root_ / "bin").string(), "demo.dat"), (root_ / "bin" / "demo.dat").string());
-}
-
-TEST_F(BundleResourceTest, ThenTheInstalledSharedFolder) {
-    touch(root_ / "share" / "brisvale" / "demo.dat");
-    EXPECT_EQ(bundleResourcePath((root_ / "bin").string(), "demo.dat"),
-              (root_ / "share" / "brisvale" / "demo.dat").string());
-}
-
-TEST_F(BundleResourceTest, NoneAndNotADirectory) {
-    EXPECT_EQ(bundleResourcePath((root_ / "bin").string(), "demo.dat"), std::nullopt);
-    fs::create_directories(root_ / "bin" / "demo.dat");  // a folder is not the resource
-    EXPECT_EQ(bundleResourcePath((root_ / "bin").string(), "demo.dat"), std::nullopt);
+// Beside the executable first, then the installed shared folder; a folder is not the resource.
+TEST(BundleResource, BesideTheExecutableThenTheSharedFolder) {
+    testing::TempDir dir;
+    const fs::path bin = dir.path() / "bin", shared = dir.path() / "share" / "brisvale";
+    fs::create_directories(bin);
+    fs::create_directories(shared);
+    EXPECT_EQ(bundleResourcePath(bin.string(), "demo.dat"), std::nullopt);
     EXPECT_EQ(bundleResourcePath("", "demo.dat"), std::nullopt);
+    std::ofstream(shared / "demo.dat") << "x";
+    EXPECT_EQ(bundleResourcePath(bin.string(), "demo.dat"), (shared / "demo.dat").string());
+    std::ofstream(bin / "demo.dat") << "x";
+    EXPECT_EQ(bundleResourcePath(bin.string(), "demo.dat"), (bin / "demo.dat").string());
+    fs::remove(bin / "demo.dat");
+    fs::remove(shared / "demo.dat");
+    fs::create_directories(bin / "demo.dat");
+    EXPECT_EQ(bundleResourcePath(bin.string(), "demo.dat"), std::nullopt);
 }
 
 TEST(RunningExecutable, IsThisTestsFolder) {

@@ -5,7 +5,6 @@
 // [SECTION] Design and settings
 // [SECTION] Filtering
 // [SECTION] The sample tap
-// [SECTION] The biquad
 
 #include <gtest/gtest.h>
 
@@ -77,29 +76,8 @@ const std::array<float, 10> kGains = {-12.0f, -6.5f, 0.0f, 3.0f, 12.0f, 1.25f, -
 // [SECTION] Design and settings
 // ---------------------------------------------------------------------------------------------
 
-TEST(EqualizerDesign, SinglePrecisionCoefficientsMatchADoubleReference) {
-    for (double fs : {32000.0, 44100.0, 48000.0}) {
-        Rig rig(fs, 2, true);
-        ASSERT_EQ(audio_player_set_equalizer(rig.p(), kGains.data(), 10), 0);
-        for (int i = 0; i < kEqBands; ++i) {
-            const DoubleBiquad ref = referenceDesign(kGains[i], eq_centers_hz[i], fs);
-            SCOPED_TRACE(testing::Message() << "fs " << fs << " band " << i);
-            EXPECT_NEAR(rig.p()->eq_b0[i], ref.b0, 2e-6);
-            EXPECT_NEAR(rig.p()->eq_b1[i], ref.b1, 2e-6);
-            EXPECT_NEAR(rig.p()->eq_b2[i], ref.b2, 2e-6);
-            EXPECT_NEAR(rig.p()->eq_a1[i], ref.a1, 2e-6);
-            EXPECT_NEAR(rig.p()->eq_a2[i], ref.a2, 2e-6);
-        }
-    }
-}
-
-TEST(EqualizerDesign, FlatBandsPassUnchangedAndTheTopBandFollowsTheRate) {
+TEST(EqualizerDesign, TheTopBandFollowsTheRateAndNoRateChangesNothing) {
     Rig rig(32000.0, 2, true);
-    for (int i = 0; i < kEqBands; ++i) {
-        EXPECT_FLOAT_EQ(rig.p()->eq_b0[i] + 0.0f, 1.0f) << "0 dB: numerator equals denominator";
-        EXPECT_EQ(rig.p()->eq_b1[i], rig.p()->eq_a1[i]);
-        EXPECT_EQ(rig.p()->eq_b2[i], rig.p()->eq_a2[i]);
-    }
     float gains[10] = {};
     gains[9] = 6.0f;
     ASSERT_EQ(audio_player_set_equalizer(rig.p(), gains, 10), 0);
@@ -107,16 +85,13 @@ TEST(EqualizerDesign, FlatBandsPassUnchangedAndTheTopBandFollowsTheRate) {
     const DoubleBiquad at16000 = referenceDesign(6.0, 16000.0, 32000.0, false);
     EXPECT_NEAR(rig.p()->eq_a1[9], at14400.a1, 2e-6) << "16 kHz band designed at 0.45 × 32000";
     EXPECT_GT(std::fabs(rig.p()->eq_a1[9] - at16000.a1), 1e-2);
-}
 
-TEST(EqualizerDesign, ZeroRateKeepsThePreviousCoefficients) {
-    Rig rig(0.0, 2, true);
-    for (int i = 0; i < kEqBands; ++i) {
-        EXPECT_EQ(rig.p()->eq_b0[i], 0.0f);
-    }
-    EXPECT_EQ(audio_player_set_equalizer(rig.p(), kGains.data(), 10), 0);
-    EXPECT_EQ(rig.p()->eq_b0[4], 0.0f);
-    EXPECT_EQ(rig.p()->eq_gains_db[4], 12.0f);
+    // No rate: the gains are kept, the coefficients stay as they were.
+    Rig rateless(0.0, 2, true);
+    EXPECT_EQ(rateless.p()->eq_b0[4], 0.0f);
+    EXPECT_EQ(audio_player_set_equalizer(rateless.p(), kGains.data(), 10), 0);
+    EXPECT_EQ(rateless.p()->eq_b0[4], 0.0f);
+    EXPECT_EQ(rateless.p()->eq_gains_db[4], 12.0f);
 }
 
 TEST(EqualizerSettings, GainsAreClampedCountedAndResetTheFilters) {
@@ -235,22 +210,25 @@ std::vector<float> quietNoise(size_t n, unsigned seed) {
     return v;
 }
 
+// The design and the single-precision filter at once: a wrong coefficient shows in the output.
 TEST(EqualizerFiltering, TenBandsInSeriesMatchTheDoubleReference) {
     const uint32_t frames = 4096;
-    for (uint32_t channels : {1u, 2u, 6u}) {
-        Rig rig(48000.0, channels, true);
-        ASSERT_EQ(audio_player_set_equalizer(rig.p(), kGains.data(), 10), 0);
-        std::vector<float> samples = quietNoise(frames * channels, channels);
-        const std::vector<double> want =
-            referenceFilter(std::vector<double>(samples.begin(), samples.end()), channels, 48000.0, kGains);
-        // Two buffers: the filter state carries from one to the next.
-        rig.process(samples.data(), frames / 2);
-        rig.process(samples.data() + frames / 2 * channels, frames / 2);
-        double worst = 0;
-        for (size_t i = 0; i < samples.size(); ++i) {
-            worst = std::max(worst, std::fabs(samples[i] - want[i]));
+    for (const double fs : {32000.0, 44100.0, 48000.0}) {
+        for (uint32_t channels : {1u, 2u, 6u}) {
+            Rig rig(fs, channels, true);
+            ASSERT_EQ(audio_player_set_equalizer(rig.p(), kGains.data(), 10), 0);
+            std::vector<float> samples = quietNoise(frames * channels, channels);
+            const std::vector<double> want =
+                referenceFilter(std::vector<double>(samples.begin(), samples.end()), channels, fs, kGains);
+            // Two buffers: the filter state carries from one to the next.
+            rig.process(samples.data(), frames / 2);
+            rig.process(samples.data() + frames / 2 * channels, frames / 2);
+            double worst = 0;
+            for (size_t i = 0; i < samples.size(); ++i) {
+                worst = std::max(worst, std::fabs(samples[i] - want[i]));
+            }
+            EXPECT_LT(worst, 2e-4) << channels << " channels at " << fs;
         }
-        EXPECT_LT(worst, 2e-4) << channels << " channels";
     }
 }
 
@@ -291,8 +269,6 @@ TEST(SampleTap, RingKeepsTheNewestMonoSamplesOldestFirst) {
     }
     rig.process(s.data(), 6000);
     rig.process(s.data() + 6000 * 2, 4000);
-    EXPECT_EQ(rig.p()->recent_count, 8192u);
-    EXPECT_EQ(rig.p()->recent_write, (10000u % 8192u));
 
     std::vector<float> out(10000, -9.0f);
     ASSERT_EQ(audio_player_get_recent_samples(rig.p(), out.data(), 100), 100u);
@@ -325,24 +301,6 @@ TEST(SampleTap, FewerSamplesThanAskedAndNoRingMeansNoProcessing) {
     rig.process(loud.data(), 2);
     EXPECT_EQ(loud, (std::vector<float>{1.5f, 1.5f})) << "without the ring the audio plays unprocessed";
     EXPECT_EQ(audio_player_get_recent_samples(rig.p(), out.data(), 8), 0u);
-}
-
-// ---------------------------------------------------------------------------------------------
-// [SECTION] The biquad
-// ---------------------------------------------------------------------------------------------
-
-TEST(Biquad, OneSectionInTransposedDirectFormTwo) {
-    // y[n] = b0 x[n] + b1 x[n-1] + b2 x[n-2] - a1 y[n-1] - a2 y[n-2]
-    const float b0 = 0.5f, b1 = 0.25f, b2 = -0.125f, a1 = -0.5f, a2 = 0.25f;
-    float z1 = 0, z2 = 0;
-    const float x[5] = {1.0f, 0.0f, 0.0f, 0.5f, 0.0f};
-    double yd[5] = {};
-    for (int n = 0; n < 5; ++n) {
-        yd[n] = b0 * x[n] + (n >= 1 ? b1 * x[n - 1] - a1 * yd[n - 1] : 0) + (n >= 2 ? b2 * x[n - 2] - a2 * yd[n - 2] : 0);
-        float v = x[n];
-        biquad_step(b0, b1, b2, a1, a2, z1, z2, v);
-        EXPECT_NEAR(v, yd[n], 1e-6) << n;
-    }
 }
 
 } // namespace

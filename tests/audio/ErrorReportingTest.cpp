@@ -1,4 +1,4 @@
-// The status-code descriptions and the logging switch.
+// The status-code descriptions (the logging switch: SongTest's failure paths).
 
 #include <gtest/gtest.h>
 
@@ -12,11 +12,7 @@ namespace {
 TEST(StatusDescription, KnownCodesHaveFixedTexts) {
     EXPECT_STREQ(get_osstatus_description(0), "No error");
     EXPECT_STREQ(get_osstatus_description(-50), "Parameter error");
-    EXPECT_STREQ(get_osstatus_description(-66687), "Invalid buffer");
-    EXPECT_STREQ(get_osstatus_description(-66686), "Buffer empty");
-    EXPECT_STREQ(get_osstatus_description(-66685), "Disposal pending");
-    EXPECT_STREQ(get_osstatus_description(-66684), "Invalid property");
-    EXPECT_STREQ(get_osstatus_description(-66678), "Invalid State. Cannot obtain timing information.");
+    // Two codes share one text.
     EXPECT_STREQ(get_osstatus_description(-66681), "Cannot start queue or queue not running");
     EXPECT_STREQ(get_osstatus_description(-66665), get_osstatus_description(-66681));
 }
@@ -33,9 +29,7 @@ TEST(StatusDescription, EverythingElseIsUnknown) {
     EXPECT_STREQ(get_osstatus_description(0x7F616263), "Unknown error: 2137088611 (0x7F616263)");
     EXPECT_STREQ(get_osstatus_description(0x61806263), "Unknown error: 1635803747 (0x61806263)");
     EXPECT_STREQ(get_osstatus_description(0x61621F63), "Unknown error: 1633820515 (0x61621F63)");
-    const std::string lowest = get_osstatus_description(INT32_MIN);
-    EXPECT_EQ(lowest, "Unknown error: -2147483648 (0x80000000)");
-    EXPECT_EQ(lowest.size(), 39u);
+    EXPECT_STREQ(get_osstatus_description(INT32_MIN), "Unknown error: -2147483648 (0x80000000)");
 }
 
 TEST(StatusDescription, EachKindReusesItsOwnBuffer) {
@@ -45,25 +39,6 @@ TEST(StatusDescription, EachKindReusesItsOwnBuffer) {
     get_osstatus_description(0x74797021);
     EXPECT_STREQ(code, "Error code: 'typ!' (0x74797021)") << "overwritten by the next four-character code";
     EXPECT_STREQ(unknown, "Unknown error: -1 (0xFFFFFFFF)");
-}
-
-TEST(ErrorLogging, OffByDefaultAndSwitchable) {
-    audio_song song{};
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(audio_song_load(&song, "/nonexistent/brisvale/song.flac"), -1);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-
-    audio_set_error_logging(true);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(audio_song_probe(&song, "/nonexistent/brisvale/song.flac"), -1);
-    const std::string on = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(on.rfind("ExtAudioFileOpenURL failed: ", 0), 0u) << on;
-    EXPECT_EQ(on.back(), '\n');
-
-    audio_set_error_logging(false);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(audio_song_probe(&song, "/nonexistent/brisvale/song.flac"), -1);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
 } // namespace

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <fstream>
 #include <string>
 
 #include "support/TestMedia.h"
@@ -22,9 +23,7 @@ struct ToolRun {
 ToolRun run(const std::string& command) {
     ToolRun r;
     FILE* pipe = popen((command + " 2>&1 </dev/null").c_str(), "r");
-    if (pipe == nullptr) {
-        return r;
-    }
+    if (pipe == nullptr) return r;
     char buf[512];
     while (std::fgets(buf, sizeof buf, pipe) != nullptr) {
         r.output += buf;
@@ -49,10 +48,7 @@ TEST(PlayTool, PlaysARealFileToItsEndWithTagsAndProgress) {
 TEST(PlayTool, RefusesBadFilesAndArgumentsWithOneLine) {
     brisvale::test::TempDir dir;
     const std::string junk = dir.file("junk.mp3");
-    FILE* f = std::fopen(junk.c_str(), "wb");
-    ASSERT_NE(f, nullptr);
-    std::fputs("this is not audio at all, just text pretending to be a song", f);
-    std::fclose(f);
+    std::ofstream(junk) << "this is not audio at all, just text pretending to be a song";
     ToolRun r = run(std::string(BRISVALE_PLAY) + " '" + junk + "'");
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.output, "brisvale-play: " + junk + ": not a playable audio file\n");

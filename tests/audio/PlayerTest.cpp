@@ -81,6 +81,16 @@ protected:
         player_ = audio_player_create(&song_);
         ASSERT_NE(player_, nullptr);
     }
+    // The disk driver writes what is played to this file; complete once the player is destroyed.
+    std::string recordOutput() {
+        const std::string out = dir_.file("out.raw");
+        setenv("SDL_DISKAUDIOFILE", out.c_str(), 1);
+        return out;
+    }
+    void closeDevice() {
+        audio_player_destroy(player_);
+        player_ = nullptr;
+    }
 
     TempDir dir_;
     std::string path_;
@@ -119,8 +129,6 @@ TEST_F(PlayerTest, CreateStartTwiceAndTheNullCases) {
 
     ASSERT_EQ(audio_player_start(player_), 0);
     EXPECT_EQ(flags(player_), kPlaying);
-    EXPECT_EQ(player_->buffer_count, 6u);
-    EXPECT_EQ(player_->buffer_frames, 2048u);
     EXPECT_EQ(player_->buffers[0]->capacityBytes, 2048u * 4u) << "16-bit stereo";
     EXPECT_GE(audio_player_get_time(player_), 0.0);
     EXPECT_EQ(audio_player_start(player_), -1);
@@ -138,8 +146,6 @@ TEST_F(PlayerTest, PauseResumeAndTheClock) {
     EXPECT_EQ(flags(player_), kPaused);
     const double held = audio_player_get_time(player_);
     EXPECT_GE(held, before);
-    EXPECT_EQ(held, player_->paused_seconds);
-    EXPECT_EQ(player_->resume_frame, static_cast<int64_t>(held * 32000));
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_EQ(audio_player_get_time(player_), held) << "the clock holds while paused";
     EXPECT_EQ(audio_player_pause(player_), -1) << "pausing twice";
@@ -148,7 +154,6 @@ TEST_F(PlayerTest, PauseResumeAndTheClock) {
     ASSERT_EQ(audio_player_resume(player_), 0);
     EXPECT_EQ(flags(player_), kPlaying);
     const double resumedAt = static_cast<double>(player_->resume_frame) / 32000.0;
-    EXPECT_EQ(player_->base_seconds, resumedAt);
     EXPECT_GE(audio_player_get_time(player_), resumedAt);
     ASSERT_TRUE(waitUntil([&] { return audio_player_get_time(player_) > resumedAt + 0.05; }));
     EXPECT_LT(audio_player_get_time(player_), 8.0);
@@ -231,15 +236,6 @@ TEST_F(PlayerTest, SeekBeforeTheFirstStartLeavesAPlayerThatNeverPlays) {
     EXPECT_EQ(player_->buffers, nullptr);
     EXPECT_EQ(audio_player_start(player_), -1) << "it counts as running";
     EXPECT_EQ(audio_player_resume(player_), -1) << "no buffers to prime";
-}
-
-TEST_F(PlayerTest, ASongShorterThanTheBuffersRunsOutWhilePriming) {
-    load(5000);
-    create();
-    ASSERT_EQ(audio_player_start(player_), 0);
-    EXPECT_EQ(flags(player_), kRanOutPriming);
-    EXPECT_TRUE(audio_player_is_done(player_));
-    EXPECT_EQ(audio_player_start(player_), -1);
 }
 
 TEST_F(PlayerTest, RunsOutAtTheEndWithOneMessageAndSeekRevivesIt) {
@@ -328,8 +324,7 @@ std::vector<Sample> withoutSilentFrames(const std::vector<Sample>& samples, size
 
 TEST_F(PlayerTest, OutputCarriesTheVolumeButTheTapDoesNot_S16) {
     load(20000, 32000, 2, true);
-    const std::string out = dir_.file("out.raw");
-    setenv("SDL_DISKAUDIOFILE", out.c_str(), 1);
+    const std::string out = recordOutput();
     create();
     ASSERT_EQ(audio_player_set_volume(player_, 0.5f), 0);
     ASSERT_EQ(audio_player_start(player_), 0);
@@ -341,8 +336,7 @@ TEST_F(PlayerTest, OutputCarriesTheVolumeButTheTapDoesNot_S16) {
     const size_t n = signal_.size();
     EXPECT_EQ(recent[1], (signal_[n - 2] / 32768.0f + signal_[n - 1] / 32768.0f) / 2.0f);
 
-    audio_player_destroy(player_);  // closes the device: the file is complete
-    player_ = nullptr;
+    closeDevice();
     std::vector<int16_t> expected(signal_.size());
     for (size_t i = 0; i < signal_.size(); ++i) {
         expected[i] = static_cast<int16_t>(std::lrintf(signal_[i] * 0.5f));
@@ -353,8 +347,7 @@ TEST_F(PlayerTest, OutputCarriesTheVolumeButTheTapDoesNot_S16) {
 
 TEST_F(PlayerTest, OutputOfAFloatSongAtFullAndZeroVolume) {
     load(9000, 32000, 1, false);
-    const std::string out = dir_.file("out.raw");
-    setenv("SDL_DISKAUDIOFILE", out.c_str(), 1);
+    const std::string out = recordOutput();
     create();
     ASSERT_EQ(audio_player_start(player_), 0);
     std::vector<float> expected(signal_.size());
@@ -363,9 +356,11 @@ TEST_F(PlayerTest, OutputOfAFloatSongAtFullAndZeroVolume) {
     }
     ASSERT_TRUE(waitUntil([&] { return playedOut(player_); }));
 
-    // Shorter than the buffers: it ran out while priming and still counts as running, so a seek
-    // plays it again at once.
+    // Shorter than the buffers: it ran out while priming and still counts as running (no second
+    // start), so a seek plays it again at once.
     EXPECT_EQ(flags(player_), kRanOutPriming);
+    EXPECT_TRUE(audio_player_is_done(player_));
+    EXPECT_EQ(audio_player_start(player_), -1);
     EXPECT_EQ(audio_player_get_time(player_), 9000.0 / 32000) << "every frame played";
     ASSERT_EQ(audio_player_set_volume(player_, 0.0f), 0);
     ASSERT_EQ(audio_player_seek(player_, 0.0), 0);
@@ -375,8 +370,7 @@ TEST_F(PlayerTest, OutputOfAFloatSongAtFullAndZeroVolume) {
     std::vector<float> recent(8);
     ASSERT_EQ(audio_player_get_recent_samples(player_, recent.data(), 8), 8u);
     EXPECT_EQ(recent[7], expected.back()) << "the tap is not silenced";
-    audio_player_destroy(player_);
-    player_ = nullptr;
+    closeDevice();
     // The first run at full volume, the second silent.
     EXPECT_EQ(withoutSilentFrames(readOutput<float>(out), 1), withoutSilentFrames(expected, 1));
 }
@@ -405,8 +399,7 @@ TEST_F(PlayerTest, TheClockCountsOnlyWhatTheDeviceHasPlayed) {
 // every frame of the song once, in order.
 TEST_F(PlayerTest, PauseAndResumeNeitherSkipNorRepeatAFrame) {
     load(32000 * 4, 32000, 2, true);
-    const std::string out = dir_.file("out.raw");
-    setenv("SDL_DISKAUDIOFILE", out.c_str(), 1);
+    const std::string out = recordOutput();
     setenv("SDL_DISKAUDIODELAY", "8", 1);  // four times real time: a busy machine still pauses in time
     create();
     ASSERT_EQ(audio_player_start(player_), 0);
@@ -417,15 +410,13 @@ TEST_F(PlayerTest, PauseAndResumeNeitherSkipNorRepeatAFrame) {
         ASSERT_EQ(audio_player_resume(player_), 0);
     }
     ASSERT_TRUE(waitUntil([&] { return audio_player_is_done(player_) && playedOut(player_); }));
-    audio_player_destroy(player_);
-    player_ = nullptr;
+    closeDevice();
     EXPECT_EQ(withoutSilentFrames(readOutput<int16_t>(out), 2), withoutSilentFrames(signal_, 2));
 }
 
 TEST_F(PlayerTest, SeekLandsOnTheExactFrameInTheOutput) {
     load(32000 * 2, 32000, 2, true);
-    const std::string out = dir_.file("out.raw");
-    setenv("SDL_DISKAUDIOFILE", out.c_str(), 1);
+    const std::string out = recordOutput();
     create();
     ASSERT_EQ(audio_player_start(player_), 0);
     ASSERT_EQ(audio_player_stop(player_), 0);
@@ -434,8 +425,7 @@ TEST_F(PlayerTest, SeekLandsOnTheExactFrameInTheOutput) {
     EXPECT_EQ(player_->resume_frame, target);
     ASSERT_EQ(audio_player_resume(player_), 0);
     ASSERT_TRUE(waitUntil([&] { return audio_player_is_done(player_) && playedOut(player_); }));
-    audio_player_destroy(player_);
-    player_ = nullptr;
+    closeDevice();
 
     // Whatever the short first run played comes from the start of the song; then the song from
     // the target frame to its end, and nothing else.

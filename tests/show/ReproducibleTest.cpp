@@ -7,8 +7,9 @@
 #include <fstream>
 #include <iterator>
 #include <string>
-#include <unistd.h>
 #include <vector>
+
+#include "support/TestSupport.h"
 
 namespace {
 
@@ -44,45 +45,20 @@ public:
         EXPECT_EQ(run(std::string(BRISVALE_PACK) + " -o " + out.string() + " " + stage.string()), 0);
         return out;
     }
-    fs::path generated(const char* name) const { return root_ / "generated" / "images" / name; }
-    fs::path music() const { return root_ / "stage" / "music" / "lanterns-over-brisvale.ogg"; }
 
 private:
     fs::path root_;
 };
 
-class TempRoot {
-public:
-    TempRoot() {
-        std::string pattern = (fs::temp_directory_path() / "brisvale-show-XXXXXX").string();
-        if (!mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
-        path_ = pattern;
-    }
-    ~TempRoot() {
-        std::error_code ignored;
-        fs::remove_all(path_, ignored);
-    }
-    TempRoot(const TempRoot&) = delete;
-    TempRoot& operator=(const TempRoot&) = delete;
-    const fs::path& path() const { return path_; }
-
-private:
-    fs::path path_;
-};
-
 TEST(ShowBuild, TwoBuildsGiveTheSameDemoDat) {
-    TempRoot root;
+    brisvale::testing::TempDir root;
     const Build first(root.path() / "a"), second(root.path() / "b");
     const fs::path a = first.make(), b = second.make();
     ASSERT_TRUE(fs::exists(a));
     ASSERT_TRUE(fs::exists(b));
-    for (const char* image : {"title.png", "marble.png", "palette.png", "pattern.png", "cover.png"})
-        EXPECT_EQ(bytesOf(first.generated(image)), bytesOf(second.generated(image))) << image;
-    const std::vector<char> musicA = bytesOf(first.music());
-    EXPECT_GT(musicA.size(), 1000000u);
-    EXPECT_EQ(musicA, bytesOf(second.music()));
+    // The images and the music (with its cover) are all inside.
     const std::vector<char> packedA = bytesOf(a);
-    EXPECT_GT(packedA.size(), musicA.size());
+    EXPECT_GT(packedA.size(), 1000000u);
     EXPECT_EQ(packedA, bytesOf(b));
 }
 

@@ -41,11 +41,9 @@ protected:
     DemoManifest manifest_;
 };
 
-TEST_F(DefaultShow, ManifestNamesTheShowAndItsFiles) {
-    EXPECT_EQ(manifest_.name, "Brisvale");
-    EXPECT_EQ(manifest_.shaderPath, "shaders/main.glsl");
-    EXPECT_EQ(manifest_.assetManifestPath, "assets.txt");
-    EXPECT_TRUE(archive_->contains(manifest_.audioPath)) << manifest_.audioPath;
+TEST_F(DefaultShow, ManifestNamesFilesThatAreInTheArchive) {
+    for (const std::string& path : {manifest_.shaderPath, manifest_.assetManifestPath, manifest_.audioPath})
+        EXPECT_TRUE(archive_->contains(path)) << path;
     EXPECT_EQ(manifest_.defaultWidth, 1920u);
     EXPECT_EQ(manifest_.defaultHeight, 1080u);
 }
@@ -60,13 +58,9 @@ TEST_F(DefaultShow, ShaderSourceExpandsIntoOneTextWithAllThreeEntries) {
     EXPECT_EQ(source.find("#version"), std::string::npos);  // the player adds its own
 }
 
-TEST_F(DefaultShow, ImagesAreLargeSquarePngsInTheOrderTheShadersUse) {
+TEST_F(DefaultShow, ImagesAreLargeSquarePngs) {
     const std::vector<std::string> paths = loadImagePaths(*archive_, manifest_.assetManifestPath);
     ASSERT_EQ(paths.size(), 4u);
-    EXPECT_EQ(paths[0], "images/title.png");
-    EXPECT_EQ(paths[1], "images/marble.png");
-    EXPECT_EQ(paths[2], "images/palette.png");
-    EXPECT_EQ(paths[3], "images/pattern.png");
     for (const std::string& path : paths) {
         const PngSize size = pngSize(archive_->readCopy(path));
         EXPECT_GE(size.width, 1024u) << path;

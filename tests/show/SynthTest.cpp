@@ -121,8 +121,6 @@ TEST(Noise, SameSeedSameStreamDifferentSeedDifferentStream) {
 TEST(SongGrid, SectionsLandOnTheShowsPhaseChanges) {
     EXPECT_EQ(barToSample(4), static_cast<std::size_t>(9.25 * kSongRate));    // the intro ends on bar 4
     EXPECT_EQ(barToSample(63), static_cast<std::size_t>(142.0 * kSongRate));  // the finale starts on bar 63
-    EXPECT_EQ(kBarSamples, 108000u);
-    EXPECT_GE(kSongSeconds, 150.0);
 }
 
 }  // namespace

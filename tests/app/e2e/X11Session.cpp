@@ -158,19 +158,16 @@ void X11Session::startDisplay() {
     const std::string tag = std::to_string(::getpid()) + "-" + std::to_string(reinterpret_cast<std::uintptr_t>(this));
     xvfbLog_ = std::filesystem::temp_directory_path() / ("brisvale-xvfb-" + tag + ".log");
     windowManagerLog_ = std::filesystem::temp_directory_path() / ("brisvale-wm-" + tag + ".log");
-    const std::filesystem::path& log = xvfbLog_;
-    {
-        // The write end must survive exec in the child only.
-        ::fcntl(fds[0], F_SETFD, FD_CLOEXEC);
-        xvfb_ = spawn({"Xvfb", "-displayfd", std::to_string(fds[1]), "-screen", "0", "1920x1080x24", "-nolisten", "tcp"},
-                      {}, "/dev/null", log);
-    }
+    // The write end must survive exec in the child only.
+    ::fcntl(fds[0], F_SETFD, FD_CLOEXEC);
+    xvfb_ = spawn({"Xvfb", "-displayfd", std::to_string(fds[1]), "-screen", "0", "1920x1080x24", "-nolisten", "tcp"},
+                  {}, "/dev/null", xvfbLog_);
     ::close(fds[1]);
     std::string number;
     char c = 0;
     while (::read(fds[0], &c, 1) == 1 && c != '\n') number.push_back(c);
     ::close(fds[0]);
-    if (number.empty()) throw std::runtime_error("Xvfb did not start: " + readFile(log));
+    if (number.empty()) throw std::runtime_error("Xvfb did not start: " + readFile(xvfbLog_));
     display_ = ":" + number;
     ::setenv("DISPLAY", display_.c_str(), 1);
 }
@@ -179,18 +176,17 @@ void X11Session::startWindowManager(const std::vector<std::string>& argv) {
     // Ready once it has claimed the root window's supporting-WM property. On a loaded machine
     // it can take a while, and a window manager that lost a race with the new display exits:
     // it is started again.
-    const std::filesystem::path& wmLog = windowManagerLog_;
     const auto deadline = std::chrono::steady_clock::now() + 60s;
     int starts = 0;
     while (std::chrono::steady_clock::now() < deadline) {
         if (!windowManager_.running() && starts < 3) {
-            windowManager_ = spawn(argv, {}, "/dev/null", wmLog);
+            windowManager_ = spawn(argv, {}, "/dev/null", windowManagerLog_);
             ++starts;
         }
         if (shell("xprop -root _NET_SUPPORTING_WM_CHECK 2>/dev/null").find("window id") != std::string::npos) return;
         std::this_thread::sleep_for(20ms);
     }
-    throw std::runtime_error(argv[0] + " did not start: " + readFile(wmLog));
+    throw std::runtime_error(argv[0] + " did not start: " + readFile(windowManagerLog_));
 }
 
 X11Session::~X11Session() {

@@ -28,7 +28,6 @@ public:
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
-    pid_t pid() const { return pid_; }
     bool running();
     // The exit status (128 + signal when killed), or nullopt when it did not end in time.
     std::optional<int> waitFor(std::chrono::milliseconds limit);
@@ -87,7 +86,6 @@ public:
     X11Session(const X11Session&) = delete;
     X11Session& operator=(const X11Session&) = delete;
 
-    const std::string& display() const { return display_; }
     std::optional<WindowInfo> window(const std::string& title) const;
     // The first window whose title starts with `prefix` (titles that change as a show runs).
     std::optional<WindowInfo> windowTitled(const std::string& prefix) const;

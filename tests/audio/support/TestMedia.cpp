@@ -1,67 +1,35 @@
-// Writes real encoded test files through libavcodec and libavformat.
+// Writes real encoded test files with the ffmpeg program, from raw samples the test made.
 
 #include "support/TestMedia.h"
-
-#include <unistd.h>
 
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
-#include <memory>
 #include <stdexcept>
 
-#include "audio/platform/FfmpegHandles.h"
-
 extern "C" {
-#include <libavutil/channel_layout.h>
+#include <libavcodec/avcodec.h>
 }
 
 namespace brisvale::test {
 namespace {
 
-void check(int rc, const char* what) {
-    if (rc < 0) {
-        char text[AV_ERROR_MAX_STRING_SIZE] = {};
-        av_strerror(rc, text, sizeof text);
-        throw std::runtime_error(std::string(what) + ": " + text);
-    }
+void writeBytes(const std::string& path, const void* data, std::size_t size) {
+    std::ofstream out(path, std::ios::binary);
+    out.write(static_cast<const char*>(data), static_cast<std::streamsize>(size));
+    if (!out) throw std::runtime_error("cannot write " + path);
 }
 
-using pelora::gamedev::core::ffmpeg::CodecContext;
-using pelora::gamedev::core::ffmpeg::Frame;
-using pelora::gamedev::core::ffmpeg::OutputFormat;
-using pelora::gamedev::core::ffmpeg::Packet;
-using pelora::gamedev::core::ffmpeg::Resampler;
-
-void drain(AVCodecContext* codec, AVFormatContext* out, AVStream* stream, AVPacket* packet) {
-    for (;;) {
-        const int rc = avcodec_receive_packet(codec, packet);
-        if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF) {
-            return;
-        }
-        check(rc, "avcodec_receive_packet");
-        av_packet_rescale_ts(packet, codec->time_base, stream->time_base);
-        packet->stream_index = stream->index;
-        check(av_interleaved_write_frame(out, packet), "av_interleaved_write_frame");
-    }
+void ffmpeg(const std::string& arguments) {
+    const std::string command = "ffmpeg -nostdin -v error -y " + arguments;
+    if (std::system(command.c_str()) != 0) throw std::runtime_error("failed: " + command);
 }
+
+std::string quoted(const std::string& text) { return "'" + text + "'"; }
 
 } // namespace
-
-TempDir::TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "brisvale-audio-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) {
-        throw std::runtime_error("mkdtemp failed");
-    }
-    path_ = pattern;
-}
-
-TempDir::~TempDir() {
-    std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
-}
 
 std::vector<int16_t> makeSignal(int64_t frames, int channels, int sampleRate, float amplitude) {
     std::vector<int16_t> s(static_cast<size_t>(frames * channels));
@@ -80,153 +48,46 @@ std::vector<int16_t> makeSignal(int64_t frames, int channels, int sampleRate, fl
 bool encoderAvailable(const std::string& name) { return avcodec_find_encoder_by_name(name.c_str()) != nullptr; }
 
 std::vector<uint8_t> makePng(int width, int height) {
-    const AVCodec* png = avcodec_find_encoder(AV_CODEC_ID_PNG);
-    if (png == nullptr) {
-        throw std::runtime_error("no PNG encoder");
-    }
-    CodecContext c(avcodec_alloc_context3(png));
-    c->width = width;
-    c->height = height;
-    c->pix_fmt = AV_PIX_FMT_RGB24;
-    c->time_base = AVRational{1, 25};
-    check(avcodec_open2(c.get(), png, nullptr), "open PNG encoder");
-    Frame frame(av_frame_alloc());
-    frame->width = width;
-    frame->height = height;
-    frame->format = AV_PIX_FMT_RGB24;
-    check(av_frame_get_buffer(frame.get(), 0), "frame buffer");
-    for (int y = 0; y < height; ++y) {
-        for (int x = 0; x < width * 3; ++x) {
-            frame->data[0][y * frame->linesize[0] + x] = static_cast<uint8_t>(x * 7 + y * 13);
-        }
-    }
-    check(avcodec_send_frame(c.get(), frame.get()), "send PNG frame");
-    check(avcodec_send_frame(c.get(), nullptr), "flush PNG");
-    Packet packet(av_packet_alloc());
-    check(avcodec_receive_packet(c.get(), packet.get()), "receive PNG");
-    return std::vector<uint8_t>(packet->data, packet->data + packet->size);
+    TempDir dir;
+    const std::string path = dir.file("picture.png");
+    ffmpeg("-f lavfi -i testsrc=size=" + std::to_string(width) + "x" + std::to_string(height) +
+           " -frames:v 1 -c:v png " + quoted(path));
+    return readFile(path);
 }
 
 void encodeFile(const std::string& path, const EncodeRequest& request, const std::vector<int16_t>& samples) {
-    const AVCodec* encoder = avcodec_find_encoder_by_name(request.encoder.c_str());
-    if (encoder == nullptr) {
-        throw std::runtime_error("no encoder " + request.encoder);
-    }
-    AVFormatContext* raw = nullptr;
-    check(avformat_alloc_output_context2(&raw, nullptr, request.muxer.c_str(), path.c_str()), "output context");
-    OutputFormat out(raw);
-    for (const auto& [key, value] : request.tags) {
-        av_dict_set(&out->metadata, key.c_str(), value.c_str(), 0);
-    }
-
-    AVStream* stream = avformat_new_stream(out.get(), nullptr);
-    CodecContext codec(avcodec_alloc_context3(encoder));
-    av_channel_layout_default(&codec->ch_layout, request.channels);
-    codec->sample_rate = request.sampleRate;
-    codec->sample_fmt = encoder->sample_fmts ? encoder->sample_fmts[0] : AV_SAMPLE_FMT_S16;
-    for (const AVSampleFormat* f = encoder->sample_fmts; f && *f != AV_SAMPLE_FMT_NONE; ++f) {
-        if (*f == AV_SAMPLE_FMT_S16) {
-            codec->sample_fmt = AV_SAMPLE_FMT_S16;  // lossless encoders keep the exact samples
-        }
-    }
-    codec->bit_rate = 64000 * request.channels;
-    codec->time_base = AVRational{1, request.sampleRate};
-    if (out->oformat->flags & AVFMT_GLOBALHEADER) {
-        codec->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-    }
-    check(avcodec_open2(codec.get(), encoder, nullptr), "open encoder");
-    check(avcodec_parameters_from_context(stream->codecpar, codec.get()), "stream parameters");
-    stream->time_base = codec->time_base;
-    for (const auto& [key, value] : request.tags) {
-        av_dict_set(&stream->metadata, key.c_str(), value.c_str(), 0);  // Ogg writes stream tags
-    }
-
-    AVStream* picture = nullptr;
+    const std::string raw = path + ".s16";
+    writeBytes(raw, samples.data(), samples.size() * sizeof(int16_t));
+    std::string arguments = "-f s16le -ar " + std::to_string(request.sampleRate) + " -ac " +
+                            std::to_string(request.channels) + " -i " + quoted(raw);
+    const std::string cover = path + ".cover.png";
     if (!request.cover.empty()) {
-        picture = avformat_new_stream(out.get(), nullptr);
-        picture->disposition = AV_DISPOSITION_ATTACHED_PIC;
-        picture->codecpar->codec_type = AVMEDIA_TYPE_VIDEO;
-        picture->codecpar->codec_id = AV_CODEC_ID_PNG;
-        picture->codecpar->width = 16;
-        picture->codecpar->height = 16;
-        picture->time_base = AVRational{1, 90000};
-        av_dict_set(&picture->metadata, "comment", "Cover (front)", 0);
+        writeBytes(cover, request.cover.data(), request.cover.size());
+        arguments += " -i " + quoted(cover) +
+                     " -map 0 -map 1 -c:v copy -disposition:v attached_pic -metadata:s:v 'comment=Cover (front)'";
     }
-
-    if (!(out->oformat->flags & AVFMT_NOFILE)) {
-        check(avio_open(&out->pb, path.c_str(), AVIO_FLAG_WRITE), "open output");
-        if (request.streamed) {
-            out->pb->seekable = 0;
-        }
+    arguments += " -c:a " + request.encoder + " -b:a " + std::to_string(64000 * request.channels);
+    for (const auto& [key, value] : request.tags) {
+        // Ogg writes the stream's tags, the other containers their own.
+        arguments += " -metadata " + quoted(key + "=" + value) + " -metadata:s:a " + quoted(key + "=" + value);
     }
-    AVDictionary* options = nullptr;
-    for (const auto& [key, value] : request.muxerOptions) {
-        av_dict_set(&options, key.c_str(), value.c_str(), 0);
-    }
-    const int written = avformat_write_header(out.get(), &options);
-    const bool unused = av_dict_count(options) > 0;
-    av_dict_free(&options);
-    check(written, "write header");
-    if (unused) {
-        throw std::runtime_error("the muxer does not know an option");
-    }
-    if (picture != nullptr) {
-        Packet pic(av_packet_alloc());
-        check(av_new_packet(pic.get(), static_cast<int>(request.cover.size())), "picture packet");
-        std::memcpy(pic->data, request.cover.data(), request.cover.size());
-        pic->stream_index = picture->index;
-        pic->flags |= AV_PKT_FLAG_KEY;
-        check(av_interleaved_write_frame(out.get(), pic.get()), "write picture");
-    }
-
-    SwrContext* swrRaw = nullptr;
-    check(swr_alloc_set_opts2(&swrRaw, &codec->ch_layout, codec->sample_fmt, request.sampleRate, &codec->ch_layout,
-                              AV_SAMPLE_FMT_S16, request.sampleRate, 0, nullptr),
-          "converter");
-    Resampler swr(swrRaw);
-    check(swr_init(swr.get()), "converter init");
-
-    const int64_t frames = static_cast<int64_t>(samples.size()) / request.channels;
-    const bool variable = (encoder->capabilities & AV_CODEC_CAP_VARIABLE_FRAME_SIZE) != 0;
-    const int chunk = codec->frame_size > 0 ? codec->frame_size : 1024;
-    Frame frame(av_frame_alloc());
-    Packet packet(av_packet_alloc());
-    for (int64_t at = 0; at < frames; at += chunk) {
-        const int n = static_cast<int>(std::min<int64_t>(chunk, frames - at));
-        const bool smallLast = (encoder->capabilities & AV_CODEC_CAP_SMALL_LAST_FRAME) != 0;
-        const int size = (n < chunk && !variable && !smallLast && codec->frame_size > 0) ? chunk : n;
-        av_frame_unref(frame.get());
-        frame->nb_samples = size;
-        frame->format = codec->sample_fmt;
-        frame->sample_rate = request.sampleRate;
-        check(av_channel_layout_copy(&frame->ch_layout, &codec->ch_layout), "frame layout");
-        check(av_frame_get_buffer(frame.get(), 0), "frame buffer");
-        std::vector<int16_t> block(static_cast<size_t>(size) * request.channels, 0);
-        std::memcpy(block.data(), samples.data() + at * request.channels, static_cast<size_t>(n) * request.channels * 2);
-        const uint8_t* in = reinterpret_cast<const uint8_t*>(block.data());
-        check(swr_convert(swr.get(), frame->data, size, &in, size), "convert");
-        frame->pts = at;
-        check(avcodec_send_frame(codec.get(), frame.get()), "send frame");
-        drain(codec.get(), out.get(), stream, packet.get());
-    }
-    check(avcodec_send_frame(codec.get(), nullptr), "flush encoder");
-    drain(codec.get(), out.get(), stream, packet.get());
-    check(av_write_trailer(out.get()), "write trailer");
+    for (const auto& [key, value] : request.muxerOptions) arguments += " -" + key + " " + value;
+    // Written to a pipe, the muxer cannot go back to fill in lengths.
+    arguments += " -f " + request.muxer + (request.streamed ? " - > " : " ") + quoted(path);
+    ffmpeg(arguments);
+    std::filesystem::remove(raw);
+    std::filesystem::remove(cover);
 }
 
 std::vector<uint8_t> readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        throw std::runtime_error("cannot read " + path);
-    }
+    if (!in) throw std::runtime_error("cannot read " + path);
     return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
 }
 
 void* mallocCopy(const std::vector<uint8_t>& bytes) {
     void* block = std::malloc(bytes.size());
-    if (block == nullptr) {
-        throw std::runtime_error("malloc failed");
-    }
+    if (block == nullptr) throw std::runtime_error("malloc failed");
     std::memcpy(block, bytes.data(), bytes.size());
     return block;
 }

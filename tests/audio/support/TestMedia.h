@@ -1,5 +1,5 @@
 #pragma once
-// Test media: real encoded files written with FFmpeg's encoders into a temporary directory,
+// Test media: real encoded files written by the ffmpeg program into a temporary directory,
 // the signals they carry, and small file helpers.
 
 #include <cstdint>
@@ -8,21 +8,11 @@
 #include <string>
 #include <vector>
 
+#include "support/TestSupport.h"
+
 namespace brisvale::test {
 
-// A directory that is removed with everything in it.
-class TempDir {
-public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    std::filesystem::path path() const { return path_; }
-    std::string file(const std::string& name) const { return (path_ / name).string(); }
-
-private:
-    std::filesystem::path path_;
-};
+using brisvale::testing::TempDir;
 
 struct EncodeRequest {
     std::string muxer;  // FFmpeg muxer name: "wav", "flac", "ogg", "ipod", "mp3", "adts", "aiff"
