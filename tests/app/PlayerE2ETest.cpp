@@ -459,25 +459,15 @@ TEST_F(PlayerE2E, AShowFileGivenOnTheCommandLinePlaysFromALaterStartAndEndsOnTim
 
 // The author's show. The left third's red is the show time over 32 s, the middle third's green
 // the version in an included file, the right third the first image.
-constexpr const char* kAuthorShader = R"(layout(push_constant, std430) uniform Frame {
-    vec2 resolution; float timeSeconds; float deltaSeconds;
-    float showDurationSeconds; float renderEndSeconds; uint vertexCapacity; uint imageCount;
-    uint passIndex; uint passReserved0; uint passReserved1; uint passReserved2;
-} frame;
-layout(std430, set = 0, binding = 1) buffer DrawArguments {
-    uint vertexCount; uint instanceCount; uint firstVertex; uint firstInstance;
-} drawArgs;
-layout(std430, set = 0, binding = 2) buffer GeometryRequest {
-    uint ownWord0; uint requestedVertexCount; uint overflowFlag; uint ownWord3;
-} request;
-layout(set = 0, binding = 3) uniform sampler2DArray images;
+constexpr const char* kAuthorShader = R"(#include "lib/frame.glsl"
 #include "version.glsl"
 
 #ifdef BRISVALE_COMPUTE
 layout(local_size_x = 64) in;
 void scene_compute() {
     if (gl_GlobalInvocationID.x == 0u) {
-        drawArgs.vertexCount = 0u; drawArgs.instanceCount = 0u; drawArgs.firstVertex = 0u; drawArgs.firstInstance = 0u;
+        drawArguments.vertexCount = 0u; drawArguments.instanceCount = 0u; drawArguments.firstVertex = 0u;
+        drawArguments.firstInstance = 0u;
         request.requestedVertexCount = 0u; request.overflowFlag = 0u;
     }
 }
@@ -587,7 +577,7 @@ TEST_F(AuthorMode, AShowDirectoryPlaysLiveThroughEditsAndMovesThroughTime) {
               "Launch failed: No demo.ini in show directory: " + (bundle.dir() / "empty").string() + "\n");
 
     const fs::path show = bundle.dir() / "show";
-    fs::create_directories(show / "shaders");
+    fs::create_directories(show / "shaders" / "lib");
     fs::create_directories(show / "images");
     fs::create_directories(show / "music");
     auto write = [&](const std::string& path, const std::vector<std::uint8_t>& bytes) {
@@ -599,6 +589,7 @@ TEST_F(AuthorMode, AShowDirectoryPlaysLiveThroughEditsAndMovesThroughTime) {
     write("assets.txt", toBytes("image.0.path = images/tile.png\n"));
     write("shaders/main.glsl", toBytes(kAuthorShader));
     write("shaders/version.glsl", toBytes(versionSource("const float kVersion = 0.2;")));
+    write("shaders/lib/frame.glsl", Bundle::testShow().at("shaders/lib/frame.glsl"));
     write("images/tile.png", Bundle::testShow().at("images/tile.png"));
     write("music/song.flac", flacSong(bundle.dir(), 20));  // the show ends at 23.75 s
 
