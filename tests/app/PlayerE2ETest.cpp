@@ -2,6 +2,10 @@
 // from a variant of the test show, on a private Xvfb display with lavapipe (validation on) and
 // SDL's dummy audio driver. Each test watches what a user would: windows, pixels, exit status,
 // standard error.
+//
+// [SECTION] The player started without arguments
+// [SECTION] The command line
+// [SECTION] Author mode: a show directory played live
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -140,6 +144,7 @@ void expectNear(Screenshot::Pixel p, int r, int g, int b, int tolerance = 3) {
 int bandValue(int size) { return static_cast<int>(size / 4096.0 * 255.0 + 0.5); }
 
 // ---------------------------------------------------------------------------------------------
+// [SECTION] The player started without arguments
 
 TEST_F(PlayerE2E, AOneSecondShowGoesFullScreenRendersAndEndsByItself) {
     X11Session x(/*withWindowManager=*/true);
@@ -379,7 +384,7 @@ TEST_F(PlayerE2E, MusicTheDecoderRejectsRunsSilentUntilEscape) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// The command line
+// [SECTION] The command line
 
 // --help, --version and a command line the player does not understand are answered before SDL
 // starts: no display is needed, and no show is looked for.
@@ -455,7 +460,7 @@ TEST_F(PlayerE2E, AShowFileGivenOnTheCommandLinePlaysFromALaterStartAndEndsOnTim
 }
 
 // ---------------------------------------------------------------------------------------------
-// Author mode: a show directory played live
+// [SECTION] Author mode: a show directory played live
 
 // The author's show. The left third's red is the show time over 32 s, the middle third's green
 // the version in an included file, the right third the first image.

@@ -1,5 +1,12 @@
 // The render view's logic driven through a recording fake of its own platform hooks: the frame
 // pump, one frame's steps, keys, cursor, the show start in every music outcome, and teardown.
+//
+// [SECTION] Frame pump
+// [SECTION] One frame
+// [SECTION] Keys
+// [SECTION] Cursor
+// [SECTION] Show start and teardown, in every music outcome
+// [SECTION] Time control (author mode)
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -176,7 +183,7 @@ private:
 Calls callsAfter(const Calls& all, std::size_t from) { return Calls(all.begin() + static_cast<long>(from), all.end()); }
 
 // ---------------------------------------------------------------------------------------------
-// Frame pump
+// [SECTION] Frame pump
 
 TEST(FramePump, TicksWhileAFrameWaitsAddNothing) {
     RecordingView view;
@@ -252,7 +259,7 @@ TEST(FramePump, NothingIsDrawnBeforeTheShowStartsNorWithoutARenderer) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// One frame
+// [SECTION] One frame
 
 // The view hands the size rule its window (DrawableSizeTest has the rule itself): the layer gets
 // the pixels, the renderer them truncated.
@@ -315,7 +322,7 @@ TEST(Frame, AnErrorFromDrawIsReportedOnceAndEndsTheShow) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Keys
+// [SECTION] Keys
 
 TEST(ViewKeys, EachActionReachesItsPlatformOperation) {
     RecordingView view;
@@ -328,7 +335,7 @@ TEST(ViewKeys, EachActionReachesItsPlatformOperation) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Cursor
+// [SECTION] Cursor
 
 TEST(Cursor, HideTwiceShowOnceLeavesItVisible) {
     RecordingView view;
@@ -340,7 +347,7 @@ TEST(Cursor, HideTwiceShowOnceLeavesItVisible) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Show start and teardown, in every music outcome
+// [SECTION] Show start and teardown, in every music outcome
 
 struct Outcome {
     const char* name;
@@ -468,7 +475,7 @@ TEST(ShowStart, AnEmptyMusicFileIsNotLoadedAndLeaksNothing) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Time control (author mode)
+// [SECTION] Time control (author mode)
 
 // A player that answers nothing: the transport keeps its own time.
 class UnansweringMusic final : public ShowMusic {
