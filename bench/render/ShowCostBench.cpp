@@ -68,17 +68,7 @@ const std::vector<Phase>& phases() {
 
 // The renderer's floor: one flat quad, an empty compute pass, nothing drawn from the pool.
 constexpr const char* kPlainShader = R"(
-layout(push_constant, std430) uniform Frame {
-    vec2 resolution; float timeSeconds; float deltaSeconds;
-    float showDurationSeconds; float renderEndSeconds; uint vertexCapacity; uint imageCount;
-    uint passIndex; uint passReserved0; uint passReserved1; uint passReserved2;
-} frame;
-layout(std430, set = 0, binding = 1) buffer DrawArguments {
-    uint vertexCount; uint instanceCount; uint firstVertex; uint firstInstance;
-} drawArguments;
-layout(std430, set = 0, binding = 2) buffer GeometryRequest {
-    uint ownWord0; uint requestedVertexCount; uint overflowFlag; uint ownWord3;
-} request;
+#include "lib/frame.glsl"
 #ifdef BRISVALE_COMPUTE
 layout(local_size_x = 64) in;
 void scene_compute() {
