@@ -24,6 +24,7 @@
 #include "content/ArchivePath.h"
 #include "content/ArchiveWriter.h"
 #include "content/DirectoryFiles.h"
+#include "content/FileDescriptor.h"
 
 namespace brisvale {
 namespace {
@@ -193,16 +194,6 @@ bool readAll(int fd, std::vector<std::uint8_t>& bytes) {
     return true;
 }
 
-// Closes a descriptor on every way out of `load`.
-struct FileDescriptor {
-    int fd;
-    ~FileDescriptor() {
-        if (fd >= 0) {
-            ::close(fd);
-        }
-    }
-};
-
 } // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -214,7 +205,7 @@ std::shared_ptr<DemoArchive> DemoArchive::load(const std::string& filePath) {
     // a device, a directory) is refused before a byte is read.
     const FileDescriptor file{::open(filePath.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)};
     struct stat status {};
-    if (file.fd < 0 || ::fstat(file.fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+    if (file.get() < 0 || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         throw std::runtime_error(kOpenFailed + filePath);
     }
     if (status.st_size < 0) {
@@ -231,7 +222,7 @@ std::shared_ptr<DemoArchive> DemoArchive::load(const std::string& filePath) {
     } catch (const std::bad_alloc&) {
         throw std::runtime_error(kReadFailed + filePath);
     }
-    if (!readAll(file.fd, archive->bytes_)) {
+    if (!readAll(file.get(), archive->bytes_)) {
         throw std::runtime_error(kReadFailed + filePath);
     }
 

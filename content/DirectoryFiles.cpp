@@ -14,6 +14,7 @@
 #include <stdexcept>
 
 #include "content/ArchivePath.h"
+#include "content/FileDescriptor.h"
 
 namespace fs = std::filesystem;
 
@@ -60,16 +61,6 @@ std::string linkSkipReason(const fs::path& link, const fs::path& canonicalRoot, 
     source = target;
     return "";
 }
-
-// Closes a descriptor on every way out.
-struct FileDescriptor {
-    int fd;
-    ~FileDescriptor() {
-        if (fd >= 0) {
-            ::close(fd);
-        }
-    }
-};
 
 } // namespace
 
@@ -136,7 +127,7 @@ bool appendDirectoryFile(const DirectoryFile& file, std::uint64_t limit,
     const FileDescriptor fd{
         ::open(file.source.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC)};
     struct stat status {};
-    if (fd.fd < 0 || ::fstat(fd.fd, &status) != 0) {
+    if (fd.get() < 0 || ::fstat(fd.get(), &status) != 0) {
         throw fail(std::strerror(errno));
     }
     if (!S_ISREG(status.st_mode)) {
@@ -149,7 +140,7 @@ bool appendDirectoryFile(const DirectoryFile& file, std::uint64_t limit,
     out.reserve(start + static_cast<std::size_t>(size));
     std::uint8_t chunk[1 << 16];
     while (true) {
-        const ssize_t n = ::read(fd.fd, chunk, sizeof chunk);
+        const ssize_t n = ::read(fd.get(), chunk, sizeof chunk);
         if (n < 0 && errno == EINTR) {
             continue;
         }

@@ -7,6 +7,7 @@
 
 #include "render/PipelineCacheFile.h"
 
+#include "content/FileDescriptor.h"
 #include "render/gpu/Device.h"
 #include "render/gpu/PipelineCache.h"
 
@@ -34,26 +35,6 @@ constexpr const char* kTruncated = "truncated";
 constexpr const char* kForeign = "not a pipeline cache of this program";
 constexpr const char* kOtherDevice = "made for another device or driver";
 constexpr const char* kDamaged = "damaged (checksum)";
-
-// Closes the descriptor it holds.
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return fd_; }
-    int release() {
-        const int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-
-private:
-    int fd_;
-};
 
 // ---------------------------------------------------------------------------------------------
 // [SECTION] File header
@@ -133,13 +114,13 @@ PipelineCacheLoad loadPipelineCache(const std::filesystem::path& directory, cons
         return load;
     };
 
-    const Descriptor folder(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    const FileDescriptor folder(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (folder.get() < 0) {
         if (errno == ENOENT) return load;
         return ignore(errno == ELOOP || errno == ENOTDIR ? kNotADirectory : std::strerror(errno));
     }
     // Non-blocking: a FIFO planted under the name must not hold the start up.
-    const Descriptor file(::openat(folder.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    const FileDescriptor file(::openat(folder.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (file.get() < 0) {
         if (errno == ENOENT) return load;
         return ignore(errno == ELOOP ? kNotRegular : std::strerror(errno));
@@ -190,7 +171,7 @@ void savePipelineCacheFile(const std::filesystem::path& directory, const gpu::De
     std::error_code ignored;
     std::filesystem::create_directories(directory.parent_path(), ignored);  // the open below reports
     if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) fail(directory.string(), std::strerror(errno));
-    const Descriptor folder(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    const FileDescriptor folder(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (folder.get() < 0)
         fail(directory.string(), errno == ELOOP || errno == ENOTDIR ? kNotADirectory : std::strerror(errno));
 
@@ -205,7 +186,7 @@ void savePipelineCacheFile(const std::filesystem::path& directory, const gpu::De
         if (created < 0 && errno != EEXIST) break;
     }
     if (created < 0) fail((directory / name).string(), std::strerror(errno));
-    Descriptor file(created);
+    FileDescriptor file(created);
     bool renamed = false;
     struct RemoveUnlessRenamed {
         int folder;

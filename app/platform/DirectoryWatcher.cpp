@@ -35,10 +35,6 @@ std::string systemError(const char* call, int error) {
 
 } // namespace
 
-DirectoryWatcher::Descriptor::~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-}
-
 DirectoryWatcher::DirectoryWatcher(fs::path root, std::function<void(Clock::time_point)> changed,
                                    std::function<void(std::string_view)> problem)
     : root_(std::move(root)),

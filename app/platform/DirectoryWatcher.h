@@ -15,6 +15,7 @@
 #include <unordered_map>
 
 #include "app/LiveReload.h"
+#include "content/FileDescriptor.h"
 
 namespace brisvale {
 
@@ -35,19 +36,6 @@ public:
     DirectoryWatcher& operator=(const DirectoryWatcher&) = delete;
 
 private:
-    // A file descriptor closed with its owner.
-    class Descriptor {
-    public:
-        explicit Descriptor(int fd = -1) : fd_(fd) {}
-        ~Descriptor();
-        Descriptor(const Descriptor&) = delete;
-        Descriptor& operator=(const Descriptor&) = delete;
-        int get() const { return fd_; }
-
-    private:
-        int fd_;
-    };
-
     void run();
     void readEvents(ChangeBurst& burst);
     void watchTree(const std::filesystem::path& directory);
@@ -56,8 +44,8 @@ private:
     const std::filesystem::path root_;
     std::function<void(Clock::time_point)> changed_;
     std::function<void(std::string_view)> problem_;
-    Descriptor inotify_;
-    Descriptor stop_;  // an eventfd: written once by the destructor
+    FileDescriptor inotify_;
+    FileDescriptor stop_;  // an eventfd: written once by the destructor
     // Watch descriptor -> the directory it watches. The watcher's thread only, once started.
     std::unordered_map<int, std::filesystem::path> directories_;
     bool limitReported_ = false;

@@ -38,6 +38,7 @@
 #include "content/ArchiveWriter.h"
 #include "content/DemoArchive.h"
 #include "content/DirectoryFiles.h"
+#include "content/FileDescriptor.h"
 #include "content/ShowSource.h"
 #include "tools/pack/ShowCheck.h"
 
@@ -351,10 +352,7 @@ void writeExtracted(const DemoArchive& archive, const std::string& key, const fs
                         std::strerror(errno));
     }
     created.add(path);
-    struct Closer {
-        int fd;
-        ~Closer() { ::close(fd); }
-    } closer{fd};
+    const brisvale::FileDescriptor closer(fd);
     archive.stream(key, [&](brisvale::ArchiveBytes piece) {
         while (!piece.empty()) {
             const ssize_t n = ::write(fd, piece.data(), piece.size());
