@@ -107,6 +107,28 @@ protected:
     std::unique_ptr<gpu::Device> device_;
 };
 
+// A renderer of the marker show on a square offscreen surface of `kOffscreenEdge` pixels.
+class OffscreenRendererTest : public GpuTest {
+public:
+    static constexpr std::uint32_t kOffscreenEdge = 64;
+
+protected:
+    void SetUp() override {
+        GpuTest::SetUp();
+        surface_ = std::make_unique<gpu::OffscreenSurface>(*device_, kOffscreenEdge, kOffscreenEdge);
+        renderer_ = makeRenderer(*surface_);
+        renderer_->resize({kOffscreenEdge, kOffscreenEdge});
+    }
+    void TearDown() override {
+        renderer_.reset();
+        surface_.reset();
+        GpuTest::TearDown();
+    }
+
+    std::unique_ptr<gpu::OffscreenSurface> surface_;
+    std::unique_ptr<Renderer> renderer_;
+};
+
 struct Pixel {
     int r, g, b, a;
 };

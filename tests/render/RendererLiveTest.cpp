@@ -19,7 +19,7 @@
 namespace brisvale::testing {
 namespace {
 
-constexpr std::uint32_t kEdge = 64;
+constexpr std::uint32_t kEdge = OffscreenRendererTest::kOffscreenEdge;
 constexpr float kMiddle = 50.0f;  // the marker shader's quad alone
 // The half-transparent blue quad over the clear colour, and the same quad made red.
 const Pixel kBlueQuad = expected(0.01f, 0.01f, 0.5125f);
@@ -36,19 +36,8 @@ std::string redMarkerShader() {
     return source;
 }
 
-class RendererLive : public GpuTest {
+class RendererLive : public OffscreenRendererTest {
 protected:
-    void SetUp() override {
-        GpuTest::SetUp();
-        surface_ = std::make_unique<gpu::OffscreenSurface>(*device_, kEdge, kEdge);
-        renderer_ = makeRenderer(*surface_);
-        renderer_->resize({kEdge, kEdge});
-    }
-    void TearDown() override {
-        renderer_.reset();
-        surface_.reset();
-        GpuTest::TearDown();
-    }
     void draw(float t = kMiddle) {
         FrameInfo frame;
         frame.timeSeconds = t;
@@ -77,8 +66,6 @@ protected:
     }
     Renderer::Impl& impl() { return RendererTesting::impl(*renderer_); }
 
-    std::unique_ptr<gpu::OffscreenSurface> surface_;
-    std::unique_ptr<Renderer> renderer_;
 };
 
 TEST_F(RendererLive, InstalledShadersDrawFromTheNextFrameWhileEarlierFramesFinishWithTheOldOnes) {

@@ -12,14 +12,14 @@
 namespace brisvale::testing {
 namespace {
 
-constexpr std::uint32_t kEdge = 64;
+constexpr std::uint32_t kEdge = OffscreenRendererTest::kOffscreenEdge;
 // Sample points (column, row) in a 64 × 64 frame: rectangle A only, A and B, B only, neither.
 constexpr std::uint32_t kA[2] = {8, 30};
 constexpr std::uint32_t kAB[2] = {24, 30};
 constexpr std::uint32_t kB[2] = {40, 30};
 constexpr std::uint32_t kNone[2] = {56, 56};
 
-class RendererPhases : public GpuTest {
+class RendererPhases : public OffscreenRendererTest {
 protected:
     std::vector<std::uint8_t> frameAt(float t) {
         FrameInfo frame;
@@ -29,23 +29,9 @@ protected:
         finishFrames();
         return surface_->readbackRGBA();
     }
-    void SetUp() override {
-        GpuTest::SetUp();
-        surface_ = std::make_unique<gpu::OffscreenSurface>(*device_, kEdge, kEdge);
-        renderer_ = makeRenderer(*surface_);
-        renderer_->resize({kEdge, kEdge});
-    }
-    void TearDown() override {
-        renderer_.reset();
-        surface_.reset();
-        GpuTest::TearDown();
-    }
     Pixel at(const std::vector<std::uint8_t>& rgba, const std::uint32_t (&point)[2]) {
         return pixelAt(rgba, kEdge, point[0], point[1]);
     }
-
-    std::unique_ptr<gpu::OffscreenSurface> surface_;
-    std::unique_ptr<Renderer> renderer_;
 };
 
 // The half-transparent blue quad over the clear colour (0.02, 0.02, 0.025).
